@@ -1,0 +1,181 @@
+#include "zv-string-ascii.h"
+
+#include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+const char* const kZvWhitespace = " \t\f\v\r\n";
+
+ZvAString& ZvAString::operator=(const char* text) {
+    if (text == nullptr)
+        clear();
+    else
+        assign(text);
+    return *this;
+}
+
+bool ZvAString::StartsWith(const char* prefix, const char** rest) const {
+    size_t n = strlen(prefix);
+    if (n > size() || compare(0, n, prefix) != 0)
+        return false;
+    if (rest != nullptr)
+        *rest = c_str() + n;
+    return true;
+}
+
+bool ZvAString::StartsWith(const char* prefix, ZvAString& rest) const {
+    const char* after = nullptr;
+    if (!StartsWith(prefix, &after))
+        return false;
+    rest = after;
+    return true;
+}
+
+bool ZvAString::EndsWith(const char* suffix, ZvAString* head) const {
+    size_t n = strlen(suffix);
+    if (n > size() || compare(size() - n, n, suffix) != 0)
+        return false;
+    if (head != nullptr)
+        head->assign(*this, 0, size() - n);
+    return true;
+}
+
+int ZvAString::Vprintf(const char* format, va_list args) {
+    va_list measure;
+    va_copy(measure, args);
+    int needed = vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    if (needed < 0) {
+        clear();
+        return needed;
+    }
+    std::vector<char> buffer(static_cast<size_t>(needed) + 2);
+    int written = vsnprintf(buffer.data(), buffer.size(), format, args);
+    assign(buffer.data(), written < 0 ? 0 : static_cast<size_t>(written));
+    return written;
+}
+
+int ZvAString::Printf(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    int n = Vprintf(format, args);
+    va_end(args);
+    return n;
+}
+
+void ZvAString::AddPrintf(const char* format, ...) {
+    ZvAString extra;
+    va_list args;
+    va_start(args, format);
+    extra.Vprintf(format, args);
+    va_end(args);
+    append(extra);
+}
+
+ZvAString& ZvAString::Trim() {
+    size_type last = find_last_not_of(kZvWhitespace);
+    if (last == npos) {
+        clear();
+        return *this;
+    }
+    erase(last + 1);
+    erase(0, find_first_not_of(kZvWhitespace));
+    return *this;
+}
+
+void ZvAString::RemoveQuotes(bool trim) {
+    if (trim)
+        Trim();
+    for (char quote : {'\'', '"'}) {
+        if (!empty() && front() == quote && back() == quote) {
+            pop_back();
+            if (!empty())
+                erase(0, 1);
+        }
+    }
+}
+
+bool ZvAString::GetNameAndValue(ZvAString* name, ZvAString* value, bool removeQuotes) const {
+    if (name != nullptr)
+        name->clear();
+    if (value != nullptr)
+        value->clear();
+    size_type equals = rfind('=');
+    if (equals == npos)
+        return false;
+    if (name != nullptr) {
+        name->assign(*this, 0, equals);
+        name->Trim();
+    }
+    if (value != nullptr) {
+        value->assign(*this, equals + 1, npos);
+        value->Trim();
+        if (removeQuotes)
+            value->RemoveQuotes(false);
+    }
+    return true;
+}
+
+void ZvAString::Replace(const char* from, const char* to) {
+    size_t fromLength = strlen(from);
+    if (fromLength == 0)
+        return;
+    size_t toLength = strlen(to);
+    size_type position = find(from);
+    while (position != npos) {
+        replace(position, fromLength, to);
+        position = find(from, position + toLength);
+    }
+}
+
+ZvAString& ZvAString::ToUpper() {
+    for (char& c : *this)
+        c = static_cast<char>(toupper(static_cast<unsigned char>(c)));
+    return *this;
+}
+
+ZvAString& ZvAString::ToLower() {
+    for (char& c : *this)
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    return *this;
+}
+
+ZvAString::size_type ZvAString::IndexI(const char* what, unsigned start) const {
+    ZvAString haystack(*this);
+    ZvAString needle(what);
+    return haystack.ToUpper().find(needle.ToUpper(), start);
+}
+
+const char* ZvAString::FindI(const char* what, unsigned start) const {
+    size_type position = IndexI(what, start);
+    return position == npos ? nullptr : c_str() + position;
+}
+
+bool ZvAString::SaveToFile(const char* path) const {
+    FILE* file = fopen(path, "wb");
+    if (file == nullptr)
+        return false;
+    if (!empty())
+        fwrite(data(), 1, size(), file);
+    fclose(file);
+    return true;
+}
+
+bool ZvAString::LoadFromFile(const char* path) {
+    FILE* file = fopen(path, "rb");
+    if (file == nullptr)
+        return false;
+    fseek(file, 0, SEEK_END);
+    long size = ftell(file);
+    fseek(file, 0, SEEK_SET);
+    ZvAString content;
+    if (size > 0) {
+        content.resize(static_cast<size_t>(size));
+        content.resize(fread(&content[0], 1, content.size(), file));
+    }
+    fclose(file);
+    swap(content);
+    return true;
+}
