@@ -1,0 +1,403 @@
+// The store side of ZlZomDaemon: journal, start-up scan, writing, splitting and rotation.
+#include "zavra_log_zom_daemon.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "zv-file-util.h"
+#include "zv-file.h"
+#include "zv-time.h"
+
+namespace {
+// Writes the whole buffer unless the system refuses; returns the bytes written.
+size_t WriteAll(int fd, const unsigned char* data, size_t size, int& error) {
+    size_t done = 0;
+    error = 0;
+    while (done < size) {
+        ssize_t written = write(fd, data + done, size - done);
+        if (written > 0) {
+            done += static_cast<size_t>(written);
+        } else if (written < 0 && errno == EINTR) {
+            continue;
+        } else {
+            error = written < 0 ? errno : 0;
+            break;
+        }
+    }
+    return done;
+}
+} // namespace
+
+ZlZomDaemon::ZlZomDaemon()
+    : m_totalLimit(0), m_fileLimit(0), m_currentLogsSize(0), m_currentEntry(nullptr),
+      m_firstSegmentEntry(nullptr), m_keepFirstSegment(false), m_bytesInCurrentFile(0),
+      m_segmentNumber(0), m_fileFd(-1), m_writeFailing(false), m_bytesNotWritten(0),
+      m_openFailing(false), m_openFailures(0), m_deleteFailing(false), m_journalFd(-1),
+      m_portOpen(false), m_connectThreadEnd(false), m_socketPort(-1), m_serverSocket(-1),
+      m_socketThreadEnd(false), m_shutDown(false), m_clientDropping(false), m_droppedChunks(0),
+      m_droppedBytes(0), m_runDroppedChunks(0), m_runDroppedBytes(0), m_lastDropTick(0) {
+    m_connectSema.Create(0);
+    m_socketSema.Create(0);
+}
+
+ZlZomDaemon::~ZlZomDaemon() {
+    Shutdown();
+}
+
+void ZlZomDaemon::LogText(const char* format, ...) {
+    std::lock_guard<std::mutex> lock(m_journalLock);
+    if (m_journalFd < 0)
+        return;
+    ZvAString line = ZvTime::GetReverseTimeStringText();
+    line += ": ";
+    ZvAString message;
+    va_list args;
+    va_start(args, format);
+    message.Vprintf(format, args);
+    va_end(args);
+    line += message;
+    line += "\n";
+    // One write per line: the line reaches the file at once, and a line that cannot be written
+    // (full disk) is lost alone without holding up the next.
+    int error;
+    WriteAll(m_journalFd, reinterpret_cast<const unsigned char*>(line.data()), line.size(), error);
+}
+
+bool ZlZomDaemon::Initialise(ZvAString directory, unsigned long long totalSize,
+                             unsigned long long fileSize, ZvVer& version) {
+    {
+        std::lock_guard<std::mutex> lock(m_storeLock);
+        m_directory = directory;
+        m_totalLimit = totalSize;
+        m_fileLimit = fileSize;
+        m_currentLogsSize = 0;
+        m_bytesInCurrentFile = 0;
+        m_currentEntry = nullptr;
+    }
+
+    ZvAString journal = directory;
+    ZvFileUtil::AppendToPath(journal, "daemon.log");
+    {
+        std::lock_guard<std::mutex> lock(m_journalLock);
+        m_journalFd =
+            ZvFile::OpenFd(journal.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    }
+    ZvAString versionText;
+    version.GetFullVersionString(versionText);
+    LogText("Initialising started.");
+    LogText("%s", versionText.c_str());
+    LogText("Directory: %s", directory.c_str());
+    LogText("Total Size: %llu", totalSize);
+    LogText("File Size: %llu", fileSize);
+    if (m_socketPort >= 0)
+        LogText("Socket port number: %d", m_socketPort);
+
+    bool ok = true;
+    {
+        std::lock_guard<std::mutex> lock(m_storeLock);
+        ScanExistingFiles();
+        if (m_totalLimit != 0) {
+            while (m_currentLogsSize > m_totalLimit) {
+                if (!DeleteOldestFileLocked()) {
+                    ok = false;
+                    break;
+                }
+            }
+        }
+    }
+
+    if (ok && m_socketPort >= 0) {
+        if (!m_socketThread.Create(SocketThreadFunc, this) ||
+            !m_socketThread.WaitForThreadStart(ZvThread::kWaitForever)) {
+            LogText("Failed to start socket thread.");
+            ok = false;
+        }
+    }
+    if (ok) {
+        if (!m_connectThread.Create(ConnectThreadFunc, this) ||
+            !m_connectThread.WaitForThreadStart(ZvThread::kWaitForever)) {
+            LogText("Failed to start connect thread.");
+            ok = false;
+        }
+    }
+    if (ok && m_connectSema.IsCreated())
+        m_connectSema.Post();
+    LogText("Initialising finished.");
+    return ok;
+}
+
+void ZlZomDaemon::ScanExistingFiles() {
+    ZvFileFind find;
+    ZvFindFileData found;
+    for (bool more = find.FindFirst(m_directory.c_str(), "*.zom", found); more;
+         more = find.FindNext(found)) {
+        if (found.type != ZvFindFileData::TypeFile)
+            continue;
+        ZvAString path = m_directory;
+        ZvFileUtil::AppendToPath(path, found.name.c_str());
+        long long size = ZvFileUtil::GetFileSize(path.c_str());
+        if (size < 0) {
+            LogText("Initialise: Failed to get existing file size '%s'.", path.c_str());
+            continue;
+        }
+        m_files.push_back(std::make_unique<ZlZomDaemonDirFile>(path, size));
+        m_currentLogsSize += static_cast<unsigned long long>(size);
+        LogText("Initialise: Adding existing file '%s' of %lld bytes.", path.c_str(), size);
+    }
+    LogText("Current Logs Size: %llu", m_currentLogsSize);
+    LogText("Sorting existing files");
+    // The names carry their start time most significant first, so byte order is time order.
+    std::stable_sort(m_files.begin(), m_files.end(),
+                     [](const std::unique_ptr<ZlZomDaemonDirFile>& a,
+                        const std::unique_ptr<ZlZomDaemonDirFile>& b) {
+                         return a->m_path.compare(b->m_path) < 0;
+                     });
+    for (const auto& entry : m_files)
+        LogText("Sorted '%s' of %llu bytes.", entry->m_path.c_str(), entry->m_size);
+}
+
+void ZlZomDaemon::NewLogData(unsigned char* data, unsigned size) {
+    {
+        std::lock_guard<std::mutex> lock(m_storeLock);
+        if (m_shutDown)
+            return;
+        m_currentLogsSize += size;
+        if (m_fileFd < 0) {
+            m_logName = ZvTime::GetReverseTimeString();
+            m_segmentNumber = 0;
+            m_bytesInCurrentFile = 0;
+            m_firstSegmentEntry = nullptr;
+        }
+        if (m_totalLimit != 0)
+            MakeRoom();
+
+        const unsigned long long before = m_bytesInCurrentFile;
+        m_bytesInCurrentFile += size;
+        const unsigned char* rest = data;
+        unsigned restSize = size;
+        if (m_fileLimit != 0 && m_bytesInCurrentFile > m_fileLimit) {
+            if (m_fileFd < 0) {
+                LogText("NewLogData. File limit exceeded but no open file, num bytes %d", size);
+                OpenNextFile();
+            }
+            // The segment ends at exactly the limit; the rest, whatever its size, goes whole
+            // into the next one (one split per chunk).
+            const unsigned first =
+                before < m_fileLimit ? static_cast<unsigned>(m_fileLimit - before) : 0;
+            WriteToFile(data, first);
+            // Exactly the limit, unless an earlier oversized rest already went past it.
+            CloseCurrentFileLocked(before + first);
+            rest = data + first;
+            restSize = size - first;
+            m_bytesInCurrentFile = restSize;
+            // Only matters when a segment is about as large as the whole budget: the segment
+            // just closed is then the one that has to go.
+            if (m_totalLimit != 0)
+                MakeRoom();
+        }
+        if (m_fileFd < 0)
+            OpenNextFile();
+        WriteToFile(rest, restSize);
+    }
+    SendToClient(data, size);
+}
+
+void ZlZomDaemon::MakeRoom() {
+    while (m_currentLogsSize > m_totalLimit && HasClosedFile()) {
+        if (DeleteOldestFileLocked()) {
+            if (m_deleteFailing) {
+                LogText("NewLogData. Old files can be deleted again.");
+                m_deleteFailing = false;
+            }
+            continue;
+        }
+        // A file that cannot be removed now is tried again with the next chunk; waiting here
+        // would stall the stream and the client for as long as the fault lasts.
+        if (!m_deleteFailing)
+            LogText("NewLogData. Failed to delete an old file.");
+        m_deleteFailing = true;
+        break;
+    }
+}
+
+bool ZlZomDaemon::HasClosedFile() const {
+    return m_files.size() > (m_currentEntry != nullptr ? 1u : 0u);
+}
+
+bool ZlZomDaemon::PathInList(const ZvAString& path) const {
+    for (const auto& entry : m_files)
+        if (entry->m_path == path)
+            return true;
+    return false;
+}
+
+void ZlZomDaemon::OpenNextFile() {
+    ZvAString name;
+    ZvAString path;
+    bool append = false;
+    if (m_fileLimit == 0) {
+        name.Printf("daemon_%s.zom", m_logName.c_str());
+        path = m_directory;
+        ZvFileUtil::AppendToPath(path, name.c_str());
+        // A log that starts within the same second as an earlier one (or as a file left by an
+        // earlier run) gets the same name: add to that file rather than truncate it.
+        append = PathInList(path);
+    } else {
+        do {
+            name.Printf("daemon_%s_%03u.zom", m_logName.c_str(), m_segmentNumber);
+            ++m_segmentNumber;
+            path = m_directory;
+            ZvFileUtil::AppendToPath(path, name.c_str());
+        } while (PathInList(path));
+    }
+
+    auto entry = std::make_unique<ZlZomDaemonDirFile>(path, 0);
+    ZlZomDaemonDirFile* created = entry.get();
+    m_currentEntry = created;
+    if (m_keepFirstSegment && m_fileLimit != 0) {
+        if (m_firstSegmentEntry == nullptr)
+            m_firstSegmentEntry = created;
+        else
+            ApplyKeepFirstSegment();
+    }
+    m_files.push_back(std::move(entry));
+
+    m_fileFd = ZvFile::OpenFd(path.c_str(),
+                              O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC), 0666);
+    if (m_fileFd >= 0) {
+        LogText("NewLogData. Log file opened '%s'.", path.c_str());
+        if (m_openFailing) {
+            LogText("NewLogData. Log files open again after %u failed attempts.", m_openFailures);
+            m_openFailing = false;
+            m_openFailures = 0;
+        }
+        if (m_fileLimit != 0)
+            OnNewLogSegment();
+        return;
+    }
+    if (!m_openFailing)
+        LogText("NewLogData. Log file failed to opened '%s'.", path.c_str());
+    m_openFailing = true;
+    ++m_openFailures;
+    // Nothing of this file exists: forget it, so that a long fault does not grow the list.
+    if (m_firstSegmentEntry == created)
+        m_firstSegmentEntry = nullptr;
+    m_currentEntry = nullptr;
+    m_files.pop_back();
+}
+
+void ZlZomDaemon::ApplyKeepFirstSegment() {
+    if (m_segmentNumber <= 2 || m_files.size() < 2)
+        return;
+    const size_t count = m_files.size();
+    if (m_files[count - 2].get() == m_firstSegmentEntry) {
+        // Segment 000 moves behind the segment closed last, so the middle segments go first.
+        std::swap(m_files[count - 2], m_files[count - 1]);
+        return;
+    }
+    LogText("NewLogData. First segment move failed %u, '%s'.", static_cast<unsigned>(count),
+            m_files[count - 2]->m_path.c_str());
+}
+
+void ZlZomDaemon::WriteToFile(const unsigned char* data, unsigned size) {
+    if (size == 0)
+        return;
+    if (m_fileFd < 0) {
+        // No file could be opened: these bytes are not in the directory.
+        m_currentLogsSize -= std::min<unsigned long long>(size, m_currentLogsSize);
+        return;
+    }
+    int error;
+    const size_t written = WriteAll(m_fileFd, data, size, error);
+    if (written == size) {
+        if (m_writeFailing)
+            NoteWriteResumed();
+        return;
+    }
+    // Typically a full disk. The file stays open and every later chunk is tried again, so the
+    // store writes again as soon as there is room; the journal gets one line per episode.
+    m_bytesNotWritten += size - written;
+    if (!m_writeFailing)
+        LogText("NewLogData. Call to fwrite failed, return=%u, errno=%d, file=0x%08X.",
+                static_cast<unsigned>(written), error, static_cast<unsigned>(m_fileFd));
+    m_writeFailing = true;
+}
+
+void ZlZomDaemon::NoteWriteResumed() {
+    LogText("NewLogData. Writing resumed, %llu bytes could not be written.", m_bytesNotWritten);
+    m_writeFailing = false;
+    m_bytesNotWritten = 0;
+}
+
+void ZlZomDaemon::CloseCurrentFile(unsigned long long size) {
+    std::lock_guard<std::mutex> lock(m_storeLock);
+    CloseCurrentFileLocked(size);
+}
+
+void ZlZomDaemon::CloseCurrentFileLocked(unsigned long long size) {
+    if (m_fileFd >= 0) {
+        close(m_fileFd);
+        m_fileFd = -1;
+    }
+    if (m_currentEntry != nullptr) {
+        LogText("Log file closed '%s' of %llu bytes.", m_currentEntry->m_path.c_str(), size);
+        m_currentEntry->m_size = size;
+        m_currentEntry = nullptr;
+    }
+}
+
+bool ZlZomDaemon::DeleteOldestFile() {
+    std::lock_guard<std::mutex> lock(m_storeLock);
+    return DeleteOldestFileLocked();
+}
+
+bool ZlZomDaemon::DeleteOldestFileLocked() {
+    if (m_files.empty()) {
+        LogText("DeleteOldestFile error. Attempt to delete an old file when none exists.");
+        return false;
+    }
+    ZlZomDaemonDirFile* entry = m_files.front().get();
+    const char* path = entry->m_path.c_str();
+    if (ZvFile::Exists(path) && !ZvFileUtil::DelFile(path)) {
+        LogText("DeleteOldestFile error. Failed to delete '%s'.", path);
+        return false;
+    }
+    LogText("Deleting old file '%s' of %llu bytes (total %llu).", path, entry->m_size,
+            m_currentLogsSize);
+    if (entry->m_size > m_currentLogsSize) {
+        LogText("DeleteOldestFile error. Inconsistent sizes, current %llu, file %llu",
+                m_currentLogsSize, entry->m_size);
+        m_currentLogsSize = 0;
+    } else {
+        m_currentLogsSize -= entry->m_size;
+    }
+    if (entry == m_currentEntry)
+        m_currentEntry = nullptr;
+    if (entry == m_firstSegmentEntry)
+        m_firstSegmentEntry = nullptr;
+    m_files.pop_front();
+    return true;
+}
+
+void ZlZomDaemon::GetCrashFileName(ZvAString& path) {
+    std::lock_guard<std::mutex> lock(m_storeLock);
+    path = m_directory;
+    ZvAString name = "daemon_";
+    name += m_logName;
+    ZvFileUtil::AppendToPath(path, name.c_str());
+}
+
+unsigned long long ZlZomDaemon::GetCurrentLogsSize() {
+    std::lock_guard<std::mutex> lock(m_storeLock);
+    return m_currentLogsSize;
+}
+
+void ZlZomDaemon::GetFileList(ZvAStringList& paths) {
+    std::lock_guard<std::mutex> lock(m_storeLock);
+    paths.Clear();
+    for (const auto& entry : m_files)
+        paths.Add(entry->m_path);
+}

@@ -1,0 +1,243 @@
+// The live side of ZlZomDaemon: the connect thread that keeps the target port open, the socket
+// thread that serves one TCP client, the client send path and the orderly shut-down.
+#include "zavra_log_zom_daemon.h"
+
+#include <cerrno>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "zv-time.h"
+
+namespace {
+// How long Shutdown waits, beyond the 200 ms of the End calls, for a thread still inside a port
+// hook before it frees what the thread uses.
+const unsigned kShutdownGraceMs = 2000;
+const unsigned kEndWaitMs = 200;
+const unsigned kOpenRetryMs = 1000;
+const unsigned kAcceptRetryMs = 200;
+const unsigned kCaughtUpMs = 1000;
+} // namespace
+
+void ZlZomDaemon::ConnectThreadFunc(ZvThread*, void* daemon) {
+    static_cast<ZlZomDaemon*>(daemon)->ConnectThread();
+}
+
+void ZlZomDaemon::SocketThreadFunc(ZvThread*, void* daemon) {
+    static_cast<ZlZomDaemon*>(daemon)->SocketThread();
+}
+
+void ZlZomDaemon::PortFailureDetected() {
+    LogText("Port Failure Detected.");
+    m_connectSema.Post();
+}
+
+bool ZlZomDaemon::WaitConnectRequest(unsigned ms) {
+    return m_connectSema.Wait(ms);
+}
+
+void ZlZomDaemon::ConnectThread() {
+    for (;;) {
+        // The end flag is looked at before waiting too: the retry pause below may have taken the
+        // post that came with it.
+        if (m_connectThreadEnd || !m_connectSema.Wait() || m_connectThreadEnd) {
+            LogText("ConnectThread: Finished.");
+            return;
+        }
+        LogText("ConnectThread: Connect request.");
+        m_portOpen = false;
+        if (m_socketPort >= 0) {
+            LogText("ConnectThread: Closing sockets as target port closed.");
+            CloseSockets();
+        }
+        ClosePort();
+        {
+            std::lock_guard<std::mutex> lock(m_storeLock);
+            CloseCurrentFileLocked(m_bytesInCurrentFile);
+        }
+
+        while (!m_portOpen && !m_connectThreadEnd) {
+            bool ok = OpenPort();
+            if (ok)
+                ok = InitialiseTarget();
+            m_portOpen = ok;
+            // A pause that an end request (or another connect request) cuts short; the request
+            // is this very retry, so taking its post loses nothing.
+            if (!ok)
+                WaitConnectRequest(kOpenRetryMs);
+        }
+        if (!m_portOpen)
+            continue;
+        LogText("ConnectThread: Port opened.");
+        if (m_socketPort >= 0)
+            OpenListeningSocket();
+    }
+}
+
+void ZlZomDaemon::OpenListeningSocket() {
+    int server = -1;
+    if (!ZvSocket::OpenSocketServer(m_socketPort, server, kSocketRcvBuf, kSocketSndBuf)) {
+        const int error = errno;
+        ZvSocket::CloseSocketServer(server);
+        LogText("ConnectThread: Server socket not opened %d.", error);
+        return;
+    }
+    m_serverSocket = server;
+    m_socketSema.Post();
+}
+
+void ZlZomDaemon::CloseSockets() {
+    int server = m_serverSocket.exchange(-1);
+    ZvSocket::CloseSocketServer(server);
+    CloseClient(true);
+}
+
+void ZlZomDaemon::SocketThread() {
+    for (;;) {
+        if (m_socketThreadEnd || !m_socketSema.Wait() || m_socketThreadEnd) {
+            LogText("Socket Read Thread Finished.");
+            return;
+        }
+        while (m_portOpen && !m_socketThreadEnd) {
+            LogText("SocketThread: Listening for socket connection.");
+            if (m_client.OpenServer(m_serverSocket, kSocketRcvBuf, kSocketSndBuf)) {
+                ServeOneClient();
+                continue;
+            }
+            LogText("Failed to listen for socket connection (%d).", errno);
+            // A pause that an end request cuts short; a post taken here is put back.
+            if (m_socketSema.Wait(kAcceptRetryMs))
+                m_socketSema.Post();
+        }
+    }
+}
+
+void ZlZomDaemon::ServeOneClient() {
+    const ZvAString peer = m_client.GetPeerAddress();
+    LogText("SocketThread: Connected to %s.", peer.c_str());
+    unsigned char buffer[kClientReadSize];
+    int got;
+    int error;
+    for (;;) {
+        got = m_client.Read(buffer, sizeof(buffer));
+        error = errno;
+        if (got > 0) {
+            SendPort(buffer, static_cast<unsigned>(got));
+            continue;
+        }
+        if (got < 0 && error == EINTR)
+            continue;
+        break;
+    }
+    LogText("SocketThread: Closing connection to %s (read return %d, %d).", peer.c_str(), got,
+            error);
+    CloseClient(false);
+    SocketClientDisconnect();
+    LogText("SocketThread: Disconnected.");
+}
+
+void ZlZomDaemon::SendToClient(const unsigned char* data, unsigned size) {
+    std::lock_guard<std::mutex> lock(m_clientLock);
+    if (!m_client.IsOpen() || size == 0)
+        return;
+    // Exactly one send that never blocks: a client that stops reading costs the store nothing;
+    // what it cannot take now is lost for the client only.
+    const int sent = m_client.WriteNonBlocking(data, size);
+    if (sent == static_cast<int>(size)) {
+        // A slow client takes a chunk now and then; the episode ends only once it has kept up
+        // for a while, so the journal gets one pair of lines per episode.
+        if (m_clientDropping &&
+            ZvTime::DiffMsTime(m_lastDropTick, ZvTime::GetMsTickTime()) >= kCaughtUpMs)
+            NoteDroppingEnded("Client reading again");
+        return;
+    }
+    if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
+        return; // the client has gone; the socket thread sees it on its next read
+    const unsigned dropped = size - static_cast<unsigned>(sent < 0 ? 0 : sent);
+    ++m_droppedChunks;
+    m_droppedBytes += dropped;
+    ++m_runDroppedChunks;
+    m_runDroppedBytes += dropped;
+    m_lastDropTick = ZvTime::GetMsTickTime();
+    if (!m_clientDropping) {
+        m_clientDropping = true;
+        LogText("NewLogData. Client not reading, dropping data for the client.");
+    }
+}
+
+void ZlZomDaemon::NoteDroppingEnded(const char* how) {
+    LogText("NewLogData. %s, %llu chunks (%llu bytes) were dropped for it.", how,
+            m_runDroppedChunks, m_runDroppedBytes);
+    m_clientDropping = false;
+    m_runDroppedChunks = 0;
+    m_runDroppedBytes = 0;
+}
+
+void ZlZomDaemon::CloseClient(bool abortive) {
+    std::lock_guard<std::mutex> lock(m_clientLock);
+    if (m_clientDropping)
+        NoteDroppingEnded("Client left");
+    const int fd = m_client.GetHandle();
+    if (!abortive || fd < 0) {
+        m_client.Close();
+        return;
+    }
+    // A reset and no FIN: closing with a FIN would leave the connection in TIME_WAIT on the
+    // served port, and the listening socket, which does not ask for address reuse, could not be
+    // bound again when the target comes back. Shutting down the receive side sends nothing and
+    // wakes the socket thread's read.
+    linger reset = {1, 0};
+    setsockopt(fd, SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    shutdown(fd, SHUT_RD);
+    m_client.Clear();
+    close(fd);
+}
+
+unsigned long long ZlZomDaemon::GetClientDroppedChunks() {
+    std::lock_guard<std::mutex> lock(m_clientLock);
+    return m_droppedChunks;
+}
+
+unsigned long long ZlZomDaemon::GetClientDroppedBytes() {
+    std::lock_guard<std::mutex> lock(m_clientLock);
+    return m_droppedBytes;
+}
+
+bool ZlZomDaemon::EndConnectThread() {
+    m_connectThreadEnd = true;
+    m_connectSema.Post();
+    return m_connectThread.WaitForThreadFinish(kEndWaitMs);
+}
+
+bool ZlZomDaemon::EndSocketThread() {
+    m_socketThreadEnd = true;
+    m_socketSema.Post();
+    return m_socketThread.WaitForThreadFinish(kEndWaitMs);
+}
+
+void ZlZomDaemon::Shutdown() {
+    if (m_shutDown.exchange(true))
+        return;
+    m_portOpen = false;
+    if (!EndConnectThread())
+        m_connectThread.WaitForThreadFinish(kShutdownGraceMs);
+    if (m_socketPort >= 0) {
+        int server = m_serverSocket.exchange(-1);
+        ZvSocket::CloseSocketServer(server);
+        // The socket thread may be reading from a client: closing it ends that read.
+        CloseClient(false);
+        if (!EndSocketThread())
+            m_socketThread.WaitForThreadFinish(kShutdownGraceMs);
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_storeLock);
+        CloseCurrentFileLocked(m_bytesInCurrentFile);
+        m_firstSegmentEntry = nullptr;
+        m_files.clear();
+    }
+    LogText("Shut down");
+    std::lock_guard<std::mutex> lock(m_journalLock);
+    if (m_journalFd >= 0) {
+        close(m_journalFd);
+        m_journalFd = -1;
+    }
+}
