@@ -45,6 +45,9 @@ bool ZvB64::Decode(const char* text, int length, ZvAString& out, unsigned int& o
         unsigned values[4];
         int count = 0;
         while (count < 4) {
+            // White space after the last group ends the text rather than adding a zero group.
+            if (count == 0 && pos >= length)
+                break;
             if (pos >= length || text[pos] == '=') {
                 values[count++] = 0;
                 ++pos;
@@ -63,7 +66,7 @@ bool ZvB64::Decode(const char* text, int length, ZvAString& out, unsigned int& o
             if (value != ZvB64Init::kSkip)
                 values[count++] = static_cast<unsigned>(value);
         }
-        if (!ok)
+        if (!ok || count == 0)
             break;
 
         emit((values[0] << 2) | (values[1] >> 4));
