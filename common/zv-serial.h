@@ -44,5 +44,5 @@ private:
     bool Fail(int fd);
 
     std::atomic<int> m_fd;
-    int m_lastError;
+    std::atomic<int> m_lastError;
 };

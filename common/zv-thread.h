@@ -18,6 +18,7 @@
 #include <atomic>
 #include <pthread.h>
 
+#include "zv-crit.h"
 #include "zv-sema.h"
 
 class ZvThread;
@@ -72,6 +73,9 @@ private:
     bool m_manualAck;
     std::atomic<bool> m_alive;
     int m_exitCode;
+    // Orders the worker's end against Terminate and the destructor, so that neither touches a
+    // thread or an object that has gone.
+    ZvCrit m_endLock;
 };
 
 // Starts fn(arg) on a detached thread without an object; returns once the thread has taken its
