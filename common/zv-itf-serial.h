@@ -69,11 +69,11 @@ protected:
 
 class ZvItfAsyncSerial : public ZvItfAsyncBase {
 public:
-    static const unsigned kDefaultSpeed = 115200;
-    static const unsigned kDefaultOpenFlags = 5;
-    static const unsigned kDefaultTotalTimeoutMs = 200;
+    static constexpr unsigned kDefaultSpeed = 115200;
+    static constexpr unsigned kDefaultOpenFlags = 5;
+    static constexpr unsigned kDefaultTotalTimeoutMs = 200;
     // Size of the read thread's stack buffer: the largest block handed to OnRxData.
-    static const unsigned kReadBlockSize = 20000;
+    static constexpr unsigned kReadBlockSize = 20000;
 
     ZvItfAsyncSerial();
     // Closes the interface and the port.

@@ -10,7 +10,7 @@
 
 class ZvSema {
 public:
-    static const unsigned kWaitForever = 0xFFFFFFFFu;
+    static constexpr unsigned kWaitForever = 0xFFFFFFFFu;
 
     ZvSema();
     ~ZvSema();

@@ -14,7 +14,7 @@
 class ZvSerial {
 public:
     // Open flag bit: RTS/CTS hardware flow control. Other bits are accepted and ignored.
-    static const unsigned kFlagHardwareFlowControl = 2;
+    static constexpr unsigned kFlagHardwareFlowControl = 2;
 
     ZvSerial();
     ~ZvSerial();

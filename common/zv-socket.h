@@ -19,8 +19,8 @@
 class ZvSocket {
 public:
     // Readiness flags for Wait and SplitWait, and their result bits.
-    static const unsigned long kWaitRead = 1;
-    static const unsigned long kWaitWrite = 2;
+    static constexpr unsigned long kWaitRead = 1;
+    static constexpr unsigned long kWaitWrite = 2;
 
     ZvSocket();
     ~ZvSocket();

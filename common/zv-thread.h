@@ -27,8 +27,8 @@ typedef void (*ZvThreadWorker)(ZvThread* thread, void* arg);
 class ZvThread {
 public:
     // Creation flag: the worker acknowledges its start itself through AckThreadStarted.
-    static const unsigned kManualAck = 1;
-    static const unsigned kWaitForever = 0xFFFFFFFFu;
+    static constexpr unsigned kManualAck = 1;
+    static constexpr unsigned kWaitForever = 0xFFFFFFFFu;
 
     ZvThread();
     // Destroys the semaphores; neither stops nor joins the thread.
