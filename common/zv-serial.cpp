@@ -66,9 +66,9 @@ bool ZvSerial::SpeedToConstant(unsigned speed, speed_t& constant) {
 
 bool ZvSerial::Fail(int fd) {
     m_lastError = errno;
-    if (fd >= 0) {
-        if (m_fd.compare_exchange_strong(fd, -1))
-            close(fd);
+    if (fd >= 0 && m_fd.compare_exchange_strong(fd, -1)) {
+        ioctl(fd, TIOCNXCL);
+        close(fd);
     }
     return false;
 }
@@ -161,6 +161,10 @@ bool ZvSerial::Write(const unsigned char* data, unsigned count) {
 
 void ZvSerial::Close() {
     const int fd = m_fd.exchange(-1);
-    if (fd >= 0)
+    if (fd >= 0) {
+        // Give up the exclusion explicitly: a pseudo-terminal keeps it after the last close for
+        // as long as its master is open, which would refuse our own re-open to a non-root user.
+        ioctl(fd, TIOCNXCL);
         close(fd);
+    }
 }

@@ -3,8 +3,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <fcntl.h>
 #include <mutex>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -15,25 +17,21 @@
 
 namespace {
 
-// The test keeps the slave open so it can read the settings the port applied.
+// Only the master stays open here: the port takes the terminal exclusively, and a slave
+// descriptor held by the test would keep that exclusion across the port's re-open.
 struct Pty {
     int master = -1;
-    int slave = -1;
     char name[128] = "";
-    Pty() { EXPECT_EQ(0, openpty(&master, &slave, name, nullptr, nullptr)); }
-    ~Pty() {
-        CloseMaster();
+    Pty() {
+        int slave = -1;
+        EXPECT_EQ(0, openpty(&master, &slave, name, nullptr, nullptr));
         close(slave);
     }
+    ~Pty() { CloseMaster(); }
     void CloseMaster() {
         if (master >= 0)
             close(master);
         master = -1;
-    }
-    termios Settings() const {
-        termios t{};
-        EXPECT_EQ(0, tcgetattr(slave, &t));
-        return t;
     }
     void WriteAll(const unsigned char* data, size_t size) const {
         while (size > 0) {
@@ -85,11 +83,17 @@ bool WaitUntil(Predicate done, unsigned ms) {
 
 } // namespace
 
+static termios Settings(const ZvSerial& port) {
+    termios t{};
+    EXPECT_EQ(0, tcgetattr(port.GetHandle(), &t));
+    return t;
+}
+
 TEST(Serial, OpenAppliesRawSettings) {
     Pty pty;
     ZvSerial port;
     ASSERT_TRUE(port.Open(pty.name, 115200, 5));
-    termios t = pty.Settings();
+    termios t = Settings(port);
     EXPECT_EQ(0u, t.c_iflag & (IGNBRK | PARMRK | INPCK | ISTRIP | INLCR | IGNCR | ICRNL | IUCLC |
                                IXON | IXANY | IXOFF));
     EXPECT_EQ(0u, t.c_oflag & (OPOST | ONLCR));
@@ -101,8 +105,20 @@ TEST(Serial, OpenAppliesRawSettings) {
     EXPECT_EQ(0, t.c_cc[VTIME]);
     EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&t));
 
+    int exclusive = 0;
+    ASSERT_EQ(0, ioctl(port.GetHandle(), TIOCGEXCL, &exclusive));
+    EXPECT_NE(0, exclusive);
+
     ASSERT_TRUE(port.Open(pty.name, 115200, ZvSerial::kFlagHardwareFlowControl));
-    EXPECT_NE(0u, pty.Settings().c_cflag & CRTSCTS);
+    EXPECT_NE(0u, Settings(port).c_cflag & CRTSCTS);
+
+    // Closing gives the exclusion up, so anyone may open the terminal again.
+    port.Close();
+    const int again = open(pty.name, O_RDWR | O_NOCTTY);
+    ASSERT_GE(again, 0);
+    EXPECT_EQ(0, ioctl(again, TIOCGEXCL, &exclusive));
+    EXPECT_EQ(0, exclusive);
+    close(again);
 }
 
 TEST(Serial, SpeedTableAndRefusedSpeed) {
@@ -141,7 +157,7 @@ TEST(Serial, SpeedTableAndRefusedSpeed) {
     ZvSerial port;
     for (const auto& row : table) {
         ASSERT_TRUE(port.Open(pty.name, row.first, 0)) << row.first;
-        const termios t = pty.Settings();
+        const termios t = Settings(port);
         EXPECT_EQ(row.second, cfgetospeed(&t)) << row.first;
     }
     EXPECT_FALSE(port.Open(pty.name, 12345, 0));
@@ -158,8 +174,8 @@ TEST(Serial, TotalTimeoutInDeciseconds) {
         {250, 2}, {99, 0}, {2550, 25}, {25600, 0}, {25700, 1}};
     for (const auto& c : cases) {
         ASSERT_TRUE(port.SetTotalTimeout(c.first));
-        EXPECT_EQ(c.second, pty.Settings().c_cc[VTIME]) << c.first;
-        EXPECT_EQ(0, pty.Settings().c_cc[VMIN]);
+        EXPECT_EQ(c.second, Settings(port).c_cc[VTIME]) << c.first;
+        EXPECT_EQ(0, Settings(port).c_cc[VMIN]);
     }
 }
 
@@ -265,4 +281,28 @@ TEST(ItfSerial, CloseFromInsideHandlerAndReopen) {
     EXPECT_EQ(2, recorder.blocks.load());
     EXPECT_EQ(0, recorder.fails.load());
     EXPECT_EQ(2u, itf.GetBytesReceived());
+}
+
+TEST(ItfSerial, CloseTerminatesReaderStuckInLongRead) {
+    Pty pty;
+    Recorder recorder;
+    {
+        ZvItfAsyncSerial itf;
+        itf.SetRxHandler(&recorder);
+        itf.SetPortName(pty.name);
+        itf.SetTotalTimeout(5000); // each empty read blocks 5 s
+        ASSERT_TRUE(itf.OnOpen());
+        ZvTime::Sleep(50);
+        const unsigned start = ZvTime::GetMsTickTime();
+        itf.OnClose();
+        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 2000u);
+        EXPECT_FALSE(itf.IsOpen());
+
+        // Open again and leave the destructor to stop the reader.
+        ASSERT_TRUE(itf.OnOpen());
+        const unsigned char byte = 1;
+        pty.WriteAll(&byte, 1);
+        ASSERT_TRUE(WaitUntil([&] { return recorder.Size() == 1; }, 2000));
+    }
+    EXPECT_EQ(0, recorder.fails.load());
 }
