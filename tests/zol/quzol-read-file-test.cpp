@@ -30,7 +30,8 @@ public:
         const std::string file = path + "/" + name;
         FILE* f = fopen(file.c_str(), "wb");
         if (f != nullptr) {
-            fwrite(content.data(), 1, content.size(), f);
+            if (!content.empty())
+                fwrite(content.data(), 1, content.size(), f);
             fclose(f);
         }
         files.push_back(file);
