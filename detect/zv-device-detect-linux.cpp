@@ -47,8 +47,9 @@ bool ZvUdev::Load(const char* const* names, unsigned count) {
         m_handle = dlopen(names[i], RTLD_NOW | RTLD_LOCAL);
     if (m_handle == nullptr)
         return false;
+    // Runs during static initialisation too, so it stays silent: a library without every entry
+    // point is simply not taken, and detection then reports that it has no mechanism.
     if (!ResolveEntryPoints()) {
-        ZvLog::Error("libudev lacks an entry point (%s).", dlerror());
         Unload();
         return false;
     }
