@@ -21,9 +21,9 @@ public:
     // The process-wide instance, loaded at program start and closed at exit.
     static ZvUdev& Instance();
 
-    // Closes what is loaded, then tries `names` in order and takes the first library that loads
-    // and has every entry point. The default list is "libudev.so.0", "libudev.so",
-    // "libudev.so.1". Returns the loaded flag.
+    // Closes what is loaded, then tries `names` in order and takes the first library that loads;
+    // it is used only when it has every entry point. The default list is "libudev.so.0",
+    // "libudev.so", "libudev.so.1". Returns the loaded flag.
     bool Load(const char* const* names, unsigned count);
     bool Load();
     void Unload();

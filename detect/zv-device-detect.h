@@ -73,6 +73,8 @@ enum : unsigned {
 // returns the first (or last) match in list order, or null; text comparisons are exact.
 class ZvInterfaceList : public std::vector<ZvInterfaceInfo*> {
 public:
+    using std::vector<ZvInterfaceInfo*>::vector;
+
     ZvInterfaceInfo* FindInterface(const char* vid, const char* pid, const char* mi) const;
     ZvInterfaceInfo* FindInterface(const char* id, const char* friendly) const;
     // A SERIAL interface whose port name equals `name`.
