@@ -10,8 +10,6 @@ namespace {
 
 const char* const kDefaultLibraryNames[] = {"libudev.so.0", "libudev.so", "libudev.so.1"};
 
-ZvUdev g_udev;
-
 template <class Function>
 bool Resolve(void* handle, const char* name, Function& target) {
     target = reinterpret_cast<Function>(dlsym(handle, name));
@@ -33,8 +31,13 @@ ZvUdev::~ZvUdev() {
 }
 
 ZvUdev& ZvUdev::Instance() {
-    return g_udev;
+    // Built on first use, so that other start-up code may already detect devices.
+    static ZvUdev instance;
+    return instance;
 }
+
+// Loads the library at program start rather than at the first detection.
+static ZvUdev& g_udevAtStart = ZvUdev::Instance();
 
 bool ZvUdev::Load() {
     return Load(kDefaultLibraryNames,

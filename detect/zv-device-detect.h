@@ -148,6 +148,9 @@ public:
 
     unsigned Count() const { return static_cast<unsigned>(m_devices.size()); }
     ZvDeviceInfo* FindDevice(unsigned index) const;
+    ZvDeviceInfo* FindDevice(int index) const {
+        return index < 0 ? nullptr : FindDevice(static_cast<unsigned>(index));
+    }
     // By display name.
     ZvDeviceInfo* FindDevice(const char* name) const;
     ZvDeviceInfo* FindDeviceShortId(const char* shortId) const;
