@@ -174,7 +174,8 @@ public:
     ZvDeviceList devices;
     ZvInterfaceList orphans;
 
-    // Groups the store's records into devices (see the source for the rule) and names them.
+    // Groups the store's records into devices, one per USB vendor, product and serial number,
+    // in store order; interfaces without a USB device become orphan ports. Names the devices.
     void Set(const ZvInterfaceStore& store);
     // Keeps only the interfaces the mask accepts; returns how many were kept in total.
     unsigned Filter(unsigned mask);
