@@ -24,7 +24,10 @@ public:
 
     // Bytes written to the master that the host has not read yet (queued in the slave).
     int Unread() const;
-    // Waits until the host has read everything (unread count 0 over a few checks).
+    // Whether a descriptor other than our own has the slave open (looked up in /proc).
+    bool HostHasOpen() const;
+    // Waits until the host has read everything (unread count 0 over a few checks). Gives up
+    // early when nobody else has the port open: those bytes will never be read.
     bool Drain(unsigned timeoutMs) const;
     // Reads (and so takes away from the host) whatever is still queued; returns the count.
     uint64_t CollectUnread();

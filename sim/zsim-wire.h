@@ -30,7 +30,8 @@ struct WireRecord {
     unsigned id = 0;
     unsigned kor = 0;
     uint64_t time = 0;
-    Bytes bytes; // the whole record: header, body and padding
+    uint64_t offset = 0; // position of its first byte in the stream fed to the parser
+    Bytes bytes;         // the whole record: header, body and padding
     size_t BodySize() const;
     const uint8_t* Body() const { return bytes.data() + 12; }
 };
@@ -51,6 +52,9 @@ inline Bytes EncodeRecord(Layout layout, unsigned kor, unsigned id, uint64_t tim
     return EncodeRecord(layout, kor, id, time, body.data(), body.size(), altSync);
 }
 
+// Body size of a whole record of the given layout (its size minus header and padding).
+size_t RecordBodySize(Layout layout, const uint8_t* record, size_t size);
+
 // Little-endian helpers for building and reading bodies.
 void PutU32(Bytes& out, uint32_t value);
 uint32_t GetU32(const uint8_t* p);
@@ -68,10 +72,12 @@ public:
     size_t Feed(const uint8_t* data, size_t size, std::vector<WireRecord>& out);
     uint64_t SkippedBytes() const { return skipped_; }
     size_t Pending() const { return buffer_.size(); }
-    void Reset();
+    // Drops a partial record (its bytes count as skipped); offsets keep counting.
+    void DropPending();
 
 private:
     Bytes buffer_;
+    uint64_t consumed_ = 0; // stream offset of buffer_[0]
     uint64_t skipped_ = 0;
 };
 
