@@ -109,9 +109,17 @@ Chunk Generator::MakeRecord() {
 
     Bytes body(PickBodySize());
     uint64_t seq = ++sequence_;
+    // A sequence number first (handy when reading a capture by eye), then noise.
+    uint64_t noise = 0;
     for (size_t i = 0; i < body.size(); ++i) {
-        body[i] = i < 8 ? static_cast<uint8_t>(seq >> (8 * i))
-                        : static_cast<uint8_t>(random_.Next() >> 24);
+        if (i < 8) {
+            body[i] = static_cast<uint8_t>(seq >> (8 * i));
+            continue;
+        }
+        if (i % 8 == 0) {
+            noise = random_.Next();
+        }
+        body[i] = static_cast<uint8_t>(noise >> (8 * (i % 8)));
     }
     bool altSync = useB && kor < 2 && random_.Range(0, 9) == 0;
     chunk.bytes = EncodeRecord(chunk.layout, kor, PickId(), time, body, altSync);

@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <sys/ioctl.h>
 
 using namespace zsim;
 
@@ -169,4 +170,55 @@ TEST_F(SimModemTest, FailsAfterNBytesDrainsAndComesBackAtTheSamePath) {
     ModemCounters counters = modem.Counters();
     EXPECT_EQ(counters.hangUps, 2u);
     EXPECT_EQ(counters.delivered + counters.discarded, counters.sent);
+}
+
+// A host that opens the port the way the tool's serial code does (configure, exclusive, close and
+// open again, 200 ms read time-out) and reads in 20000-byte blocks: it gets exactly the bytes
+// that the tee file holds, up to the point where it stopped reading.
+TEST_F(SimModemTest, ToolLikeHostCapturesExactlyAPrefixOfTheTee) {
+    options.gen.garbageEvery = 50;
+    options.gen.truncateEvery = 200;
+    ASSERT_TRUE(modem.Start(options)) << modem.Error();
+    auto openLikeTheTool = [&] {
+        int fd = open(modem.PortPath().c_str(), O_RDWR | O_NOCTTY);
+        termios tio{};
+        tcgetattr(fd, &tio);
+        cfmakeraw(&tio);
+        tio.c_cc[VMIN] = 0;
+        tio.c_cc[VTIME] = 2;
+        tcflush(fd, TCIFLUSH);
+        tcsetattr(fd, TCSANOW, &tio);
+        ioctl(fd, TIOCEXCL);
+        return fd;
+    };
+    int first = openLikeTheTool();
+    // A pty keeps the exclusive flag until its master closes: without clearing it before the
+    // close, the re-open below fails for anyone but root.
+    ioctl(first, TIOCNXCL);
+    close(first);
+    SimHost host(modem.PortPath()); // only for its Send and Read helpers
+    close(host.fd);
+    host.fd = openLikeTheTool();
+    ASSERT_GE(host.fd, 0);
+    host.Send(OpenChannel(0));
+    Bytes captured;
+    uint8_t block[20000];
+    while (captured.size() < 3000000) {
+        ssize_t got = read(host.fd, block, sizeof block);
+        ASSERT_GT(got, 0);
+        captured.insert(captured.end(), block, block + got);
+    }
+    host.Send(EncodeRecord(Layout::A, 0, 0x36, 0, Bytes{}));
+    ASSERT_TRUE(modem.WaitForChannelOpen(false, 2000));
+    close(host.fd); // stops reading: what is still queued is never read
+    host.fd = -1;
+    modem.Stop();
+
+    ModemCounters counters = modem.Counters();
+    Bytes tee = ReadFile(options.teeFile);
+    ASSERT_EQ(tee.size(), counters.sent);
+    EXPECT_EQ(counters.delivered, captured.size());
+    EXPECT_EQ(Bytes(tee.begin(), tee.begin() + static_cast<long>(captured.size())), captured);
+    EXPECT_GT(counters.garbageBytes, 0u);
+    EXPECT_GT(counters.truncatedRecords, 0u);
 }
