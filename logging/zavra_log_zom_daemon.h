@@ -79,8 +79,9 @@ public:
     // Both tell their thread to end and wait up to 200 ms; true when it ended.
     bool EndConnectThread();
     bool EndSocketThread();
-    // Stops the threads, closes the current file and the journal. Idempotent.
-    void Shutdown();
+    // Stops the threads, closes the port (so that every byte the reader got is handed over),
+    // then the current file and the journal. Idempotent.
+    void Shutdown() { ShutdownStore(true); }
 
     static void ConnectThreadFunc(ZvThread* thread, void* daemon);
     static void SocketThreadFunc(ZvThread* thread, void* daemon);
@@ -106,6 +107,8 @@ protected:
 private:
     typedef std::deque<std::unique_ptr<ZlZomDaemonDirFile>> FileList;
 
+    // The destructor cannot reach the subclass's ClosePort any more.
+    void ShutdownStore(bool closePort);
     // Store internals; the caller holds m_storeLock.
     void CloseCurrentFileLocked(unsigned long long size);
     bool DeleteOldestFileLocked();
@@ -169,6 +172,8 @@ private:
     ZvSema m_socketSema;
     std::atomic<bool> m_socketThreadEnd;
     std::atomic<bool> m_shutDown;
+    // Set under m_storeLock once the last file is closed: later data has nowhere to go.
+    bool m_storeClosed;
 
     // Client flow: chunks the client could not take.
     std::mutex m_clientLock;

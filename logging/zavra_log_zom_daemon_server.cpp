@@ -214,7 +214,7 @@ bool ZlZomDaemon::EndSocketThread() {
     return m_socketThread.WaitForThreadFinish(kEndWaitMs);
 }
 
-void ZlZomDaemon::Shutdown() {
+void ZlZomDaemon::ShutdownStore(bool closePort) {
     if (m_shutDown.exchange(true))
         return;
     m_portOpen = false;
@@ -228,9 +228,13 @@ void ZlZomDaemon::Shutdown() {
         if (!EndSocketThread())
             m_socketThread.WaitForThreadFinish(kShutdownGraceMs);
     }
+    // The connect thread may have opened the port again just before it ended.
+    if (closePort)
+        ClosePort();
     {
         std::lock_guard<std::mutex> lock(m_storeLock);
         CloseCurrentFileLocked(m_bytesInCurrentFile);
+        m_storeClosed = true;
         m_firstSegmentEntry = nullptr;
         m_files.clear();
     }

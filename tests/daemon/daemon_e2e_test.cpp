@@ -205,9 +205,9 @@ TEST(DaemonTool, APortThatFailsAndReturnsIsReopenedWithANewLogAndServedAgain) {
     auto records = run.modem.Records();
     size_t reinitialised = 0;
     for (const auto& record : records)
-        if (record.connection == 1 && (record.id == run.modem.Ids().close ||
-                                       record.id == run.modem.Ids().hostTime ||
-                                       record.id == run.modem.Ids().open))
+        if (record.connection == 1 &&
+            (record.id == run.modem.Ids().close || record.id == run.modem.Ids().hostTime ||
+             record.id == run.modem.Ids().open))
             ++reinitialised;
     EXPECT_GE(reinitialised, 3u);
     std::vector<std::string> names = ZomNames(run.store);
@@ -216,8 +216,9 @@ TEST(DaemonTool, APortThatFailsAndReturnsIsReopenedWithANewLogAndServedAgain) {
     EXPECT_LT(names[0], names[1]) << "a new log with a later name";
     auto counters = run.modem.Counters();
     EXPECT_EQ(static_cast<uint64_t>(ZomSize(run.store)), counters.delivered);
-    if (counters.discarded == 0)
+    if (counters.discarded == 0) {
         EXPECT_TRUE(ZomContents(run.store) == zavra_test::ReadFile(run.Sent()));
+    }
 
     auto journal = run.Journal();
     EXPECT_EQ(Count(journal, "Port Failure Detected."), 1);

@@ -1,0 +1,255 @@
+// bench_daemon [MiB per run] [rounds]
+//
+// Floods a pseudo-terminal with a reproducible stream and lets zavra_log_serial capture it, in
+// turns: plain capture to one file (the baseline) and daemon capture (-a with 1 MiB segments and
+// no total limit, so that every byte stays to be checked). For each run: the time until the
+// output holds every byte, the throughput, the peak resident set of the tool (wait4), and a byte
+// for byte check of the output. Prints the daemon/plain throughput ratio at the end.
+#include <dirent.h>
+#include <fcntl.h>
+#include <pty.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+const size_t kBlock = 64 * 1024;
+const long long kSegment = 1 << 20;
+
+struct Stream {
+    uint64_t state = 0x2545F4914F6CDD1Dull;
+    void Fill(unsigned char* out, size_t size) {
+        for (size_t i = 0; i < size; ++i) {
+            if (i % 8 == 0) {
+                state ^= state << 13;
+                state ^= state >> 7;
+                state ^= state << 17;
+            }
+            out[i] = static_cast<unsigned char>(state >> (8 * (i % 8)));
+        }
+    }
+};
+
+struct Result {
+    double seconds = 0;
+    long peakRssKiB = 0;
+    bool identical = false;
+    bool segmentsExact = true;
+};
+
+std::vector<std::string> Outputs(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* handle = opendir(dir.c_str())) {
+        while (dirent* entry = readdir(handle)) {
+            std::string name = entry->d_name;
+            if (name.size() > 4 && name.compare(name.size() - 4, 4, ".zom") == 0)
+                names.push_back(dir + "/" + name);
+        }
+        closedir(handle);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+long long TotalSize(const std::vector<std::string>& files) {
+    long long total = 0;
+    struct stat info;
+    for (const std::string& file : files)
+        if (stat(file.c_str(), &info) == 0)
+            total += info.st_size;
+    return total;
+}
+
+// Compares the files, concatenated, with the stream; notes segments that are not 1 MiB.
+bool SameAsStream(const std::vector<std::string>& files, long long size, bool segments,
+                  bool& segmentsExact) {
+    Stream expected;
+    std::vector<unsigned char> want(kBlock), got(kBlock);
+    long long compared = 0;
+    for (size_t i = 0; i < files.size(); ++i) {
+        FILE* file = fopen(files[i].c_str(), "rb");
+        if (file == nullptr)
+            return false;
+        long long inFile = 0;
+        size_t n;
+        while ((n = fread(got.data(), 1, kBlock, file)) > 0) {
+            expected.Fill(want.data(), n);
+            if (memcmp(want.data(), got.data(), n) != 0) {
+                fclose(file);
+                return false;
+            }
+            inFile += static_cast<long long>(n);
+        }
+        fclose(file);
+        compared += inFile;
+        if (segments && i + 1 < files.size() && inFile != kSegment)
+            segmentsExact = false;
+    }
+    return compared == size;
+}
+
+pid_t Spawn(const std::vector<std::string>& args) {
+    std::vector<char*> argv;
+    for (const std::string& arg : args)
+        argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    pid_t pid = -1;
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// Reads what the tool sends down (its start-up messages, a host time per segment) so that the
+// pty never fills in that direction; `seen` counts the bytes.
+void DrainMaster(int master, std::atomic<bool>& stop, std::atomic<long long>& seen) {
+    unsigned char buffer[4096];
+    while (!stop) {
+        struct timeval wait = {0, 20000};
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(master, &set);
+        if (select(master + 1, &set, nullptr, nullptr, &wait) > 0) {
+            ssize_t n = read(master, buffer, sizeof(buffer));
+            if (n > 0)
+                seen += n;
+        }
+    }
+}
+
+Result RunOnce(bool daemon, long long size, const std::string& work) {
+    Result result;
+    int master = -1, slave = -1;
+    char slaveName[128];
+    if (openpty(&master, &slave, slaveName, nullptr, nullptr) != 0) {
+        perror("openpty");
+        exit(1);
+    }
+    termios raw;
+    tcgetattr(slave, &raw);
+    cfmakeraw(&raw);
+    tcsetattr(slave, TCSANOW, &raw);
+
+    const std::string out = work + (daemon ? "/daemon" : "/plain");
+    system(("rm -rf '" + out + "' && mkdir -p '" + out + "'").c_str());
+    std::vector<std::string> args = {ZAVRA_LOG_SERIAL_PATH, std::string("-d") + slaveName, "-t",
+                                     "-v1"};
+    if (daemon)
+        args.push_back("-a" + out + ",0,1");
+    else
+        args.push_back(out + "/capture.zom");
+
+    std::atomic<bool> stop{false};
+    std::atomic<long long> seen{0};
+    std::thread drain(DrainMaster, master, std::ref(stop), std::ref(seen));
+    pid_t pid = Spawn(args);
+    if (pid < 0) {
+        perror("posix_spawn");
+        exit(1);
+    }
+    // The tool is ready once its start-up messages have arrived and gone quiet.
+    long long last = -1;
+    for (int i = 0; i < 500 && (seen == 0 || seen != last); ++i) {
+        last = seen;
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+
+    Stream stream;
+    std::vector<unsigned char> block(kBlock);
+    const auto start = Clock::now();
+    for (long long sent = 0; sent < size;) {
+        size_t n = static_cast<size_t>(std::min<long long>(kBlock, size - sent));
+        stream.Fill(block.data(), n);
+        for (size_t done = 0; done < n;) {
+            ssize_t w = write(master, block.data() + done, n - done);
+            if (w < 0 && errno == EINTR)
+                continue;
+            if (w <= 0) {
+                perror("write");
+                exit(1);
+            }
+            done += static_cast<size_t>(w);
+        }
+        sent += static_cast<long long>(n);
+    }
+    while (TotalSize(Outputs(out)) < size && Clock::now() - start < std::chrono::seconds(120))
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+
+    kill(pid, SIGTERM);
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    result.peakRssKiB = usage.ru_maxrss;
+    stop = true;
+    drain.join();
+    close(master);
+    close(slave);
+    result.identical = SameAsStream(Outputs(out), size, daemon, result.segmentsExact);
+    system(("rm -rf '" + out + "'").c_str());
+    return result;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const long long mib = argc > 1 ? atoll(argv[1]) : 64;
+    const int rounds = argc > 2 ? atoi(argv[2]) : 3;
+    const long long size = mib << 20;
+    char work[] = "/tmp/bench_daemon_XXXXXX";
+    if (mkdtemp(work) == nullptr) {
+        perror("mkdtemp");
+        return 1;
+    }
+    printf("pty flood of %lld MiB, %d rounds, plain capture and daemon capture in turns\n", mib,
+           rounds);
+    double plainSeconds = 0, daemonSeconds = 0;
+    long plainRss = 0, daemonRss = 0;
+    bool allIdentical = true, allExact = true;
+    for (int round = 0; round < rounds; ++round) {
+        for (int kind = 0; kind < 2; ++kind) {
+            // Alternate which goes first, so neither always runs on a warmer machine.
+            const bool daemon = (kind + round) % 2 == 1;
+            Result r = RunOnce(daemon, size, work);
+            printf("round %d %-7s %7.3f s %8.1f MB/s  peak RSS %5ld KiB  %s%s\n", round + 1,
+                   daemon ? "daemon" : "plain", r.seconds, size / r.seconds / 1e6, r.peakRssKiB,
+                   r.identical ? "every byte" : "BYTES DIFFER",
+                   daemon ? (r.segmentsExact ? ", segments of exactly 1 MiB" : ", SEGMENT SIZES")
+                          : "");
+            allIdentical = allIdentical && r.identical;
+            allExact = allExact && r.segmentsExact;
+            (daemon ? daemonSeconds : plainSeconds) += r.seconds;
+            long& rss = daemon ? daemonRss : plainRss;
+            rss = std::max(rss, r.peakRssKiB);
+        }
+    }
+    rmdir(work);
+    printf("throughput daemon/plain: %.3fx  (plain %.1f MB/s, daemon %.1f MB/s)\n",
+           plainSeconds / daemonSeconds, size * rounds / plainSeconds / 1e6,
+           size * rounds / daemonSeconds / 1e6);
+    printf("peak RSS: daemon %ld KiB, plain %ld KiB\n", daemonRss, plainRss);
+    printf("no byte lost: %s\n", allIdentical && allExact ? "yes" : "NO");
+    return allIdentical && allExact ? 0 : 1;
+}
