@@ -69,6 +69,9 @@ TEST_F(FileTest, CopyAndAppendDifferOnTheSameName) {
     ZvAString a = Write("a", ZvAString(10000, 'a') + ZvAString("\0z", 2));
     EXPECT_TRUE(ZvFile::Copy(a.c_str(), a.c_str(), true));
     EXPECT_FALSE(ZvFile::Append(a.c_str(), a.c_str()));
+    const ZvAString sameFile = m_dir + "/./a";
+    EXPECT_TRUE(ZvFile::Copy(a.c_str(), sameFile.c_str(), false));
+    EXPECT_FALSE(ZvFile::Append(sameFile.c_str(), a.c_str()));
     EXPECT_EQ(Read(a).size(), 10002u); // neither touched the file
 
     ZvAString b = Path("b");
