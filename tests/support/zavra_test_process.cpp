@@ -55,6 +55,9 @@ bool Process::Start(const std::string& path, const std::vector<std::string>& arg
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
     posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
+    // Nothing else of the test leaks into the child: a simulator's pty master held open there
+    // would keep the port alive after the simulator hangs up.
+    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
     // The child starts with default signal handling and nothing blocked, whatever the test does.
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
