@@ -1,14 +1,81 @@
-// Daemon mode is not in this build yet: -a is refused plainly after the command line was checked.
+// Daemon mode: ZlSerialZomDaemon binds the store's port hooks to the tool's serial interface, and
+// ZlbsRxDaemon hands every chunk the port reader delivers to the store.
 #include "zavra_log_serial_daemon.h"
 
-#include "zavra_log_serial_args.h"
+#include <cerrno>
 
-void ZlbsDaemonStart(Zlbs&) {
-    error(ZLBS_ERROR_NOT_AVAILABLE, 1, "Daemon mode (-a) is not available in this build.");
+#include "zavra_log_serial_app.h"
+#include "zavra_log_zom_daemon.h"
+#include "zv-time.h"
+
+namespace {
+
+class ZlSerialZomDaemon : public ZlZomDaemon {
+public:
+    ~ZlSerialZomDaemon() override { Shutdown(); }
+
+protected:
+    void ClosePort() override { ZlsClosePort(); }
+    bool OpenPort() override { return ZlsOpenPort(); }
+    void SendPort(unsigned char* data, unsigned int size) override {
+        Zlbs& app = ZlbsApp();
+        app.serial.Send(size, data);
+        app.lastSendTick = ZvTime::GetMsTickTime();
+    }
+    bool InitialiseTarget() override { return ZlsInitialiseTarget(); }
+    // The target closes its log channel when the client goes; a new client finds it open again.
+    void SocketClientDisconnect() override {
+        Zlbs& app = ZlbsApp();
+        if (!app.serial.IsOpen())
+            return;
+        if (noisiness > 4)
+            ZvLog::Status("Sending OS_LOG_CHANNEL_OPEN message to target.");
+        app.sender.SendOpenChannel();
+    }
+    // Every segment file starts with the host time, so each can be read on its own.
+    void OnNewLogSegment() override { ZlbsApp().sender.SendHostTime(); }
+};
+
+class ZlbsRxDaemon : public ZlbsRxBase {
+public:
+    ZlbsRxDaemon(ZvSema& endOfRun, ZlZomDaemon& store) : ZlbsRxBase(endOfRun), m_store(store) {}
+    void OnRxData(unsigned int count, unsigned char* data) override {
+        m_store.NewLogData(data, count);
+    }
+
+private:
+    ZlZomDaemon& m_store;
+};
+
+// Made on first use and never destroyed, like the application object: the store's threads may
+// still be in a hook while the process exits.
+ZlSerialZomDaemon& Store() {
+    static ZlSerialZomDaemon* store = new ZlSerialZomDaemon;
+    return *store;
 }
 
-void ZlbsDaemonPortFailed(Zlbs&) {}
+} // namespace
+
+void ZlbsDaemonStart(Zlbs& app) {
+    ZlSerialZomDaemon& store = Store();
+    store.SetKeepFirstSegment(app.args.keepFirstSegment);
+    static ZlbsRxDaemon* rxDaemon = new ZlbsRxDaemon(app.endOfRun, store);
+    app.serial.SetRxHandler(rxDaemon);
+    if (app.args.socketServer)
+        store.SetSocketPort(static_cast<int>(app.args.socketPort));
+    if (!store.Initialise(app.args.daemonDirectory, app.args.daemonTotalSize,
+                          app.args.daemonFileSize, app.version))
+        error(ZLBS_ERROR_FILE, errno, "Failed to initialise daemon mode.");
+}
+
+void ZlbsDaemonPortFailed(Zlbs&) {
+    Store().PortFailureDetected();
+}
 
 void ZlbsDaemonCrashFileName(Zlbs&, ZvAString& name) {
-    name.clear();
+    Store().GetCrashFileName(name);
+}
+
+void ZlbsDaemonStop(Zlbs&) {
+    Store().Shutdown();
 }

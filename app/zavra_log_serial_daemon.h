@@ -1,5 +1,5 @@
 // Daemon mode (-a): the size-budgeted store of log files, bound to the tool's serial port, and
-// the receive handler that feeds it. The wait loop calls these at its daemon branches.
+// the receive handler that feeds it. The wait loop and OnExit call these at their daemon branches.
 #pragma once
 
 #include "zv-string-ascii.h"
@@ -13,3 +13,6 @@ void ZlbsDaemonStart(Zlbs& app);
 void ZlbsDaemonPortFailed(Zlbs& app);
 // The base name for files about a target crash: the current log of the store.
 void ZlbsDaemonCrashFileName(Zlbs& app, ZvAString& name);
+// The end of a run: stops the store's threads, closes the port, and closes the current log file
+// with every byte received and the journal.
+void ZlbsDaemonStop(Zlbs& app);

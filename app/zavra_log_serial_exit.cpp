@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "zavra_log_serial_app.h"
+#include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
 #include "zv-thread.h"
 #include "zv-time.h"
@@ -67,6 +68,8 @@ void Zlbs::OnExit(int code) {
             OutputStats();
         serial.OnClose();
     }
+    if (args.daemonMode)
+        ZlbsDaemonStop(*this);
     rxNormal.CloseFile();
     if (!args.daemonMode)
         socketStream.Close();

@@ -135,12 +135,13 @@ TEST(DaemonTool, AClientGetsTheStreamItsBytesReachTheModemAndLeavingReopensTheCh
 
     const std::string down = "client bytes for the modem \x01\x02\x03";
     ASSERT_TRUE(zavra_test::WriteAll(client, down));
-    ASSERT_TRUE(run.modem.WaitUntil(
-        [&](const zsim::ModemCounters&) {
-            auto raw = run.modem.RawReceived();
-            return std::string(raw.begin(), raw.end()).find(down) != std::string::npos;
-        },
-        5000));
+    bool arrived = false;
+    for (int waited = 0; !arrived && waited < 5000; waited += 20) {
+        auto raw = run.modem.RawReceived();
+        arrived = std::string(raw.begin(), raw.end()).find(down) != std::string::npos;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(arrived) << "the client's bytes reach the modem";
 
     close(client);
     EXPECT_TRUE(run.modem.WaitForRecordId(run.modem.Ids().open, 5000, opensBefore + 1));
