@@ -3,8 +3,8 @@
 // Floods a pseudo-terminal with a reproducible stream and lets zavra_log_serial capture it, in
 // turns: plain capture to one file (the baseline) and daemon capture (-a with 1 MiB segments and
 // no total limit, so that every byte stays to be checked). For each run: the time until the
-// output holds every byte, the throughput, the peak resident set of the tool (wait4), and a byte
-// for byte check of the output. Prints the daemon/plain throughput ratio at the end.
+// output holds every byte, the throughput, the tool's CPU time and peak resident set, and a byte
+// for byte check of the output. Prints the daemon/plain ratio of the median throughputs.
 #include <dirent.h>
 #include <fcntl.h>
 #include <pty.h>
@@ -51,6 +51,7 @@ struct Stream {
 
 struct Result {
     double seconds = 0;
+    double cpuSeconds = 0;
     long peakRssKiB = 0;
     bool identical = false;
     bool segmentsExact = true;
@@ -105,6 +106,18 @@ bool SameAsStream(const std::vector<std::string>& files, long long size, bool se
             segmentsExact = false;
     }
     return compared == size;
+}
+
+long PeakRssKiB(pid_t pid) {
+    FILE* status = fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+    long kib = 0;
+    char line[256];
+    while (status != nullptr && fgets(line, sizeof(line), status) != nullptr)
+        if (strncmp(line, "VmHWM:", 6) == 0)
+            kib = atol(line + 6);
+    if (status != nullptr)
+        fclose(status);
+    return kib;
 }
 
 pid_t Spawn(const std::vector<std::string>& args) {
@@ -198,11 +211,15 @@ Result RunOnce(bool daemon, long long size, const std::string& work) {
         std::this_thread::sleep_for(std::chrono::microseconds(500));
     result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
 
+    // The live process's own high-water mark: wait4's figure would include the parent's resident
+    // set, which a spawned child inherits as its starting maximum.
+    result.peakRssKiB = PeakRssKiB(pid);
     kill(pid, SIGTERM);
     int status = 0;
     rusage usage{};
     wait4(pid, &status, 0, &usage);
-    result.peakRssKiB = usage.ru_maxrss;
+    result.cpuSeconds = usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
+                        (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     stop = true;
     drain.join();
     close(master);
@@ -210,6 +227,12 @@ Result RunOnce(bool daemon, long long size, const std::string& work) {
     result.identical = SameAsStream(Outputs(out), size, daemon, result.segmentsExact);
     system(("rm -rf '" + out + "'").c_str());
     return result;
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
 } // namespace
@@ -225,7 +248,7 @@ int main(int argc, char** argv) {
     }
     printf("pty flood of %lld MiB, %d rounds, plain capture and daemon capture in turns\n", mib,
            rounds);
-    double plainSeconds = 0, daemonSeconds = 0;
+    std::vector<double> plainSeconds, daemonSeconds, plainCpu, daemonCpu;
     long plainRss = 0, daemonRss = 0;
     bool allIdentical = true, allExact = true;
     for (int round = 0; round < rounds; ++round) {
@@ -233,22 +256,26 @@ int main(int argc, char** argv) {
             // Alternate which goes first, so neither always runs on a warmer machine.
             const bool daemon = (kind + round) % 2 == 1;
             Result r = RunOnce(daemon, size, work);
-            printf("round %d %-7s %7.3f s %8.1f MB/s  peak RSS %5ld KiB  %s%s\n", round + 1,
-                   daemon ? "daemon" : "plain", r.seconds, size / r.seconds / 1e6, r.peakRssKiB,
-                   r.identical ? "every byte" : "BYTES DIFFER",
+            printf("round %d %-7s %7.3f s %8.1f MB/s  cpu %.3f s  peak RSS %5ld KiB  %s%s\n",
+                   round + 1, daemon ? "daemon" : "plain", r.seconds, size / r.seconds / 1e6,
+                   r.cpuSeconds, r.peakRssKiB, r.identical ? "every byte" : "BYTES DIFFER",
                    daemon ? (r.segmentsExact ? ", segments of exactly 1 MiB" : ", SEGMENT SIZES")
                           : "");
             allIdentical = allIdentical && r.identical;
             allExact = allExact && r.segmentsExact;
-            (daemon ? daemonSeconds : plainSeconds) += r.seconds;
+            (daemon ? daemonSeconds : plainSeconds).push_back(r.seconds);
+            (daemon ? daemonCpu : plainCpu).push_back(r.cpuSeconds);
             long& rss = daemon ? daemonRss : plainRss;
             rss = std::max(rss, r.peakRssKiB);
         }
     }
     rmdir(work);
-    printf("throughput daemon/plain: %.3fx  (plain %.1f MB/s, daemon %.1f MB/s)\n",
-           plainSeconds / daemonSeconds, size * rounds / plainSeconds / 1e6,
-           size * rounds / daemonSeconds / 1e6);
+    // Medians: the machine is shared, and single runs swing widely.
+    const double plain = Median(plainSeconds), daemon = Median(daemonSeconds);
+    printf("throughput daemon/plain (medians): %.3fx  (plain %.1f MB/s, daemon %.1f MB/s)\n",
+           plain / daemon, size / plain / 1e6, size / daemon / 1e6);
+    printf("cpu per run (medians): daemon %.3f s, plain %.3f s\n", Median(daemonCpu),
+           Median(plainCpu));
     printf("peak RSS: daemon %ld KiB, plain %ld KiB\n", daemonRss, plainRss);
     printf("no byte lost: %s\n", allIdentical && allExact ? "yes" : "NO");
     return allIdentical && allExact ? 0 : 1;
