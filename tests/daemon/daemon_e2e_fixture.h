@@ -6,15 +6,15 @@
 #include <string>
 #include <vector>
 
-#include "zavra_test_files.h"
+#include "daemon_test_files.h"
 #include "zavra_test_process.h"
 #include "zsim-modem.h"
 
-namespace daemon_e2e {
+namespace daemon_test {
 
 struct DaemonRun {
     zavra_test::TempDir scratch;
-    std::string store; // the daemon directory
+    std::string store = scratch.File("store"); // the daemon directory
     zsim::ModemOptions options;
     zsim::Modem modem;
     zavra_test::Process tool;
@@ -23,24 +23,17 @@ struct DaemonRun {
     // The modem with its generator on: `bytes` of stream (0: endless) at `rate` bytes per second
     // (0: as fast as the pty takes).
     void StartModem(uint64_t bytes, uint64_t rate = 0);
-    // zavra_log_serial -d<port> -a<store>,<sizes> -t plus `extra`.
+    // zavra_log_serial -d<port> -a<store>[,<sizes>] -t plus `extra`.
     void StartTool(const std::string& sizes, const std::vector<std::string>& extra = {});
-    // SIGTERM, then the exit status 15 with every byte on disk.
+    // SIGTERM, then the exit status 15.
     void Terminate();
     std::string Sent() const { return scratch.File("sent.bin"); }
     std::string StoreFile(const std::string& name) const { return store + "/" + name; }
-    std::vector<std::string> Journal() const;
-    // Waits until the journal holds `count` lines containing `text`.
-    bool WaitForJournal(const std::string& text, int count, int timeoutMs) const;
+    bool WaitForJournal(const std::string& text, int timeoutMs) const;
     size_t RecordsWithId(unsigned id) const { return modem.RecordsWithId(id).size(); }
 };
 
-// The ".zom" names of a directory, sorted; their total size by stat; their contents in order.
-std::vector<std::string> ZomNames(const std::string& dir);
-long long ZomSize(const std::string& dir);
-std::string ZomContents(const std::string& dir);
-int Count(const std::vector<std::string>& lines, const std::string& text);
-// A file's bytes from `offset`, `size` of them (all when size is npos).
+// A part of a file's bytes (to the end when size is npos).
 std::string ReadPart(const std::string& path, size_t offset, size_t size = std::string::npos);
 
-} // namespace daemon_e2e
+} // namespace daemon_test
