@@ -31,9 +31,9 @@ public:
     };
 
     ZvLog() = default;
-    virtual ~ZvLog() = default;
     // The base logger discards the record.
     virtual void DoLog(Info* info) { delete info; }
+    virtual ~ZvLog() = default;
 
     // Installs the process-wide logger (not owned); null re-installs the discarding one.
     // Meant to be called while only one thread runs.

@@ -17,8 +17,8 @@ ZvAString& ZvAString::operator=(const char* text) {
 }
 
 bool ZvAString::StartsWith(const char* prefix, const char** rest) const {
-    size_t n = strlen(prefix);
-    if (n > size() || compare(0, n, prefix) != 0)
+    size_t n = prefix == nullptr ? 0 : strlen(prefix);
+    if (n > size() || (n > 0 && compare(0, n, prefix) != 0))
         return false;
     if (rest != nullptr)
         *rest = c_str() + n;
@@ -34,8 +34,8 @@ bool ZvAString::StartsWith(const char* prefix, ZvAString& rest) const {
 }
 
 bool ZvAString::EndsWith(const char* suffix, ZvAString* head) const {
-    size_t n = strlen(suffix);
-    if (n > size() || compare(size() - n, n, suffix) != 0)
+    size_t n = suffix == nullptr ? 0 : strlen(suffix);
+    if (n > size() || (n > 0 && compare(size() - n, n, suffix) != 0))
         return false;
     if (head != nullptr)
         head->assign(*this, 0, size() - n);
@@ -119,9 +119,11 @@ bool ZvAString::GetNameAndValue(ZvAString* name, ZvAString* value, bool removeQu
 }
 
 void ZvAString::Replace(const char* from, const char* to) {
-    size_t fromLength = strlen(from);
-    if (fromLength == 0)
+    if (from == nullptr || *from == 0)
         return;
+    if (to == nullptr)
+        to = "";
+    size_t fromLength = strlen(from);
     size_t toLength = strlen(to);
     size_type position = find(from);
     while (position != npos) {
@@ -144,7 +146,7 @@ ZvAString& ZvAString::ToLower() {
 
 ZvAString::size_type ZvAString::IndexI(const char* what, unsigned start) const {
     ZvAString haystack(*this);
-    ZvAString needle(what);
+    ZvAString needle(what); // null searches for the empty text
     return haystack.ToUpper().find(needle.ToUpper(), start);
 }
 
@@ -154,7 +156,7 @@ const char* ZvAString::FindI(const char* what, unsigned start) const {
 }
 
 bool ZvAString::SaveToFile(const char* path) const {
-    FILE* file = fopen(path, "wb");
+    FILE* file = path == nullptr ? nullptr : fopen(path, "wb");
     if (file == nullptr)
         return false;
     if (!empty())
@@ -164,7 +166,7 @@ bool ZvAString::SaveToFile(const char* path) const {
 }
 
 bool ZvAString::LoadFromFile(const char* path) {
-    FILE* file = fopen(path, "rb");
+    FILE* file = path == nullptr ? nullptr : fopen(path, "rb");
     if (file == nullptr)
         return false;
     fseek(file, 0, SEEK_END);

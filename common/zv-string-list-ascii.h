@@ -118,7 +118,7 @@ public:
 
 private:
     bool WriteLines(const Char* path, const char* mode) const {
-        FILE* file = fopen(path, mode);
+        FILE* file = path == nullptr ? nullptr : fopen(path, mode);
         if (file == nullptr)
             return false;
         for (const Str* item : m_items) {

@@ -1,0 +1,117 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <random>
+
+#include "scratch_dir.h"
+#include "zv-b64.h"
+
+namespace {
+
+ZvAString Encoded(const ZvAString& bytes) {
+    ZvAString out("stale");
+    ZvB64::Encode(reinterpret_cast<const unsigned char*>(bytes.data()),
+                  static_cast<int>(bytes.size()), out);
+    return out;
+}
+
+// Decodes `text`; `ok` and `error` receive the outcome.
+ZvAString Decoded(const ZvAString& text, bool* ok = nullptr, ZvAString* error = nullptr) {
+    ZvAString out("stale");
+    unsigned length = 12345;
+    bool result = ZvB64::Decode(text.data(), static_cast<int>(text.size()), out, length, error);
+    EXPECT_EQ(length, out.size());
+    if (ok != nullptr)
+        *ok = result;
+    return out;
+}
+
+TEST(ZvB64, Rfc4648Vectors) {
+    const char* vectors[][2] = {{"", ""},
+                                {"f", "Zg=="},
+                                {"fo", "Zm8="},
+                                {"foo", "Zm9v"},
+                                {"foob", "Zm9vYg=="},
+                                {"fooba", "Zm9vYmE="},
+                                {"foobar", "Zm9vYmFy"}};
+    for (auto& v : vectors) {
+        EXPECT_EQ(Encoded(v[0]), v[1]);
+        bool ok = false;
+        EXPECT_EQ(Decoded(v[1], &ok), v[0]);
+        EXPECT_TRUE(ok);
+    }
+    EXPECT_EQ(Encoded("\x41"), "QQ==");
+    EXPECT_EQ(Encoded("AB"), "QUI=");
+    EXPECT_EQ(Encoded(ZvAString("\xfb\xff\0", 3)), "+/8A");
+}
+
+TEST(ZvB64, PaddingAndWhiteSpaceRules) {
+    const std::pair<ZvAString, ZvAString> cases[] = {
+        {"QQ==", "A"},
+        {"QQ", ZvAString("A\0\0", 3)}, // missing positions count as zero, nothing stops
+        {"QQ=A", "A"},                 // '=' ends the whole decode
+        {"QUI=QUI=", "AB"},
+        {" Zm9v\r\n\tYmFy \n", "foobar"},
+        {"Q Q==", ZvAString("A\0", 2)}, // padding tests sit at fixed offsets from the group start
+        {"====", ZvAString("\0", 1)},
+    };
+    for (auto& c : cases) {
+        bool ok = false;
+        EXPECT_EQ(Decoded(c.first, &ok), c.second) << c.first;
+        EXPECT_TRUE(ok) << c.first;
+    }
+}
+
+TEST(ZvB64, BadCharacterKeepsTheBytesBeforeIt) {
+    const std::pair<ZvAString, ZvAString> cases[] = {
+        {"*", ""}, {"Zm9v*mFy", "foo"}, {"Zm9vYm-y", "foo"}, {"Zm9v\xff", "foo"}};
+    for (auto& c : cases) {
+        bool ok = true;
+        ZvAString error;
+        EXPECT_EQ(Decoded(c.first, &ok, &error), c.second);
+        EXPECT_FALSE(ok);
+        char bad = c.first[c.first.find_first_not_of(
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/")];
+        EXPECT_EQ(error, ZvAString("Base 64 decode error. An input character is out of range "
+                                   "0x02X '") +
+                             bad + "'.");
+    }
+    bool ok = true;
+    EXPECT_EQ(Decoded("ab.c", &ok, nullptr), ""); // no error text wanted
+    EXPECT_FALSE(ok);
+}
+
+using ZvB64Coreutils = ScratchDir;
+
+// Random data of every length 0..300 against the coreutils encoder, both directions.
+TEST_F(ZvB64Coreutils, RandomDataOfEveryLengthMatches) {
+    std::mt19937 random(20131508);
+    std::vector<ZvAString> data;
+    for (size_t length = 0; length <= 300; ++length) {
+        ZvAString bytes;
+        for (size_t i = 0; i < length; ++i)
+            bytes += static_cast<char>(random() & 0xFF);
+        ASSERT_TRUE(bytes.SaveToFile(Path(std::to_string(length).c_str()).c_str()));
+        data.push_back(bytes);
+    }
+    ZvAString command;
+    command.Printf("cd '%s' && for n in $(seq 0 300); do base64 -w0 $n && echo; done",
+                   m_dir.c_str());
+    FILE* pipe = popen(command.c_str(), "r");
+    ASSERT_NE(pipe, nullptr);
+    std::vector<ZvAString> reference;
+    char line[512];
+    while (fgets(line, sizeof(line), pipe) != nullptr) {
+        reference.emplace_back(line);
+        reference.back().Trim();
+    }
+    ASSERT_EQ(pclose(pipe), 0);
+    ASSERT_EQ(reference.size(), data.size());
+    for (size_t length = 0; length < data.size(); ++length) {
+        EXPECT_EQ(Encoded(data[length]), reference[length]) << length;
+        EXPECT_EQ(Decoded(reference[length]), data[length]) << length;
+    }
+    EXPECT_EQ(reference[57].size(), 76u); // one line, no break
+}
+
+} // namespace

@@ -1,0 +1,136 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "zv-time.h"
+#include "zv-ver.h"
+
+namespace {
+
+// Sets the time zone (a POSIX TZ text needing no zone database) and restores it afterwards.
+class ScopedTz {
+public:
+    explicit ScopedTz(const char* zone) {
+        const char* old = getenv("TZ");
+        m_hadOld = old != nullptr;
+        if (m_hadOld)
+            m_old = old;
+        setenv("TZ", zone, 1);
+        tzset();
+    }
+    ~ScopedTz() {
+        if (m_hadOld)
+            setenv("TZ", m_old.c_str(), 1);
+        else
+            unsetenv("TZ");
+        tzset();
+    }
+
+private:
+    bool m_hadOld = false;
+    std::string m_old;
+};
+
+constexpr long long kAug15At140509Utc = 1376575509LL * 1000000;
+
+unsigned WallClockMs() {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<unsigned>(now.tv_sec * 1000ULL + now.tv_nsec / 1000000);
+}
+
+TEST(ZvTime, TickDifferencesSurviveTheWrap) {
+    EXPECT_EQ(ZvTime::DiffMsTime(0xFFFFFFF0u, 0x10u), 32u);
+    EXPECT_EQ(ZvTime::DiffMsTime(0xFFFFFFFFu, 0u), 1u);
+    EXPECT_EQ(ZvTime::DiffMsTime(7u, 7u), 0u);
+    // The tick is the wall clock in milliseconds, truncated to 32 bits.
+    EXPECT_LT(ZvTime::DiffMsTime(ZvTime::GetMsTickTime(), WallClockMs()), 1000u);
+}
+
+TEST(ZvTime, SleepDoesBothTheSecondsAndTheRest) {
+    for (unsigned ms : {0u, 40u, 1020u}) {
+        unsigned start = ZvTime::GetMsTickTime();
+        ZvTime::Sleep(ms);
+        unsigned slept = ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime());
+        EXPECT_GE(slept + 1, ms); // the tick itself has millisecond granularity
+        EXPECT_LT(slept, ms + 1500) << ms;
+    }
+}
+
+TEST(ZvTime, LocalDatesAndMidnightFollowTheTimeZone) {
+    ScopedTz zone("UTC-2"); // two hours east of UTC, no daylight saving
+    EXPECT_EQ(ZvTime::UsSinceEpoch(2013, 8, 15, 16, 5, 9, 7), kAug15At140509Utc + 7);
+    EXPECT_EQ(ZvTime::UsSinceMidnight(kAug15At140509Utc + 7),
+              (16 * 3600 + 5 * 60 + 9) * 1000000LL + 7);
+    EXPECT_EQ(ZvTimeData().m_localOffsetUs, 7200LL * 1000000);
+    ScopedTz west("EST5");
+    EXPECT_EQ(ZvTimeData().m_localOffsetUs, -5 * 3600LL * 1000000);
+    long long now = ZvTime::UsSinceEpoch();
+    EXPECT_NEAR(static_cast<double>(now), static_cast<double>(time(nullptr)) * 1e6, 2e6);
+}
+
+// The texts name the current local time: accept the second before or after the call.
+void ExpectNowAs(const char* (*get)(), const char* layout) {
+    char before[64], after[64];
+    time_t t = time(nullptr);
+    strftime(before, sizeof(before), layout, localtime(&t));
+    std::string text = get();
+    t = time(nullptr);
+    strftime(after, sizeof(after), layout, localtime(&t));
+    EXPECT_THAT(text, ::testing::AnyOf(std::string(before), std::string(after)));
+}
+
+TEST(ZvTime, DateTimeTexts) {
+    ScopedTz zone("UTC-3");
+    ExpectNowAs(ZvTime::GetReverseTimeString, "%y-%m-%d_%H-%M-%S");
+    ExpectNowAs(ZvTime::GetReverseTimeStringText, "%d/%m/%Y %H:%M:%S");
+    ExpectNowAs(ZvTime::GetNormalTimeString, "%H:%M:%S %d/%m/%y");
+}
+
+TEST(ZvVer, BuildNumberFromTheBuildDate) {
+    const std::pair<const char*, unsigned> cases[] = {
+        {"Aug 15 2013", 4655},
+        {"Jan 1 2004", 41},
+        {"Dec 31 2013", 4831},
+        {"aug 15 2013", 4655},
+        {"Aug  5 2013", 4645},
+        {"Foo 1 2004", 41}, // unknown = January
+        {"Dec 31 2140", 255},
+        {"Aug 15", 335},
+        {"Aug", 320},
+        {"", 0},
+        {"'Aug' \"15\" 2013", 4655},
+    };
+    for (auto& c : cases)
+        EXPECT_EQ(ZvVer(1, 8, c.first).GetBuildNumber(), c.second) << c.first;
+}
+
+TEST(ZvVer, VersionTexts) {
+    ZvVer ver(1, 8, "Aug 15 2013");
+    ZvAString text;
+    ver.GetFullVersionString(text);
+    EXPECT_EQ(text, "Version 1.8.4655 (Aug 15 2013)");
+    ver.GetNumberString(text);
+    EXPECT_EQ(text, "1.8.4655");
+    ver.GetDateString(text);
+    EXPECT_EQ(text, "Aug 15 2013");
+    ZvVer(1, 8, "Jan 1 2004").GetNumberString(text);
+    EXPECT_EQ(text, "1.8.0041");
+    ZvVer(1, 8).GetFullVersionString(text);
+    EXPECT_THAT(text, ::testing::MatchesRegex("Version 1\\.8\\.[0-9]{4,5} \\([A-Z][a-z]{2} [ 0-9]"
+                                              "[0-9] [0-9]{4}\\)"));
+}
+
+TEST(ZvVer, StripExtraSpacesCollapsesOnlySpaces) {
+    const char* cases[][2] = {{"a   b  c", "a b c"}, {"   a", " a"}, {"a\t\tb ", "a\t\tb "}};
+    for (auto& c : cases) {
+        ZvAString s(c[0]);
+        ZvVer::StripExtraSpaces(s);
+        EXPECT_EQ(s, c[1]);
+    }
+}
+
+} // namespace
