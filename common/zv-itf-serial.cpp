@@ -15,6 +15,9 @@ ZvItfAsyncSerial::~ZvItfAsyncSerial() {
 }
 
 bool ZvItfAsyncSerial::OnOpen() {
+    OnClose(); // one read thread per interface
+    if (m_rxHandler == nullptr)
+        return false; // the read thread would have nobody to hand data to
     const char* name = m_portName.c_str();
     bool opened = m_port.Open(name, m_speed, m_openFlags);
     if (!opened) {

@@ -80,7 +80,8 @@ public:
     ~ZvItfAsyncSerial();
 
     // Opens and configures the port (open, time-out, re-open, time-out) and starts the read
-    // thread; true on success, else the interface is closed again.
+    // thread; true on success, else the interface is closed again. An interface still reading is
+    // closed first; without a receive handler nothing is opened.
     bool OnOpen() override;
     // Stops reading and closes the port; nothing is done when not reading.
     void OnClose() override;

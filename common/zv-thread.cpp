@@ -84,11 +84,18 @@ bool ZvThread::Create(ZvThreadWorker worker, void* arg, unsigned flags) {
     m_alive = true;
     m_finish.Create(0);
 
+    // The worker starts with Terminate's signal blocked and unblocks it once its clean-up is
+    // registered, so an early Terminate still ends it through the clean-up.
+    sigset_t terminate, previous;
+    sigemptyset(&terminate);
+    sigaddset(&terminate, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &terminate, &previous);
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     const bool created = pthread_create(&m_handle, &attr, StartRoutine, this) == 0;
     pthread_attr_destroy(&attr);
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
     if (!created) {
         m_alive = false;
         return false;
@@ -110,16 +117,17 @@ void ZvThread::CancelCleanup(void* p) {
 void* ZvThread::StartRoutine(void* p) {
     ZvThread* self = static_cast<ZvThread*>(p);
     t_currentThread = self;
+    sigset_t terminate;
+    sigemptyset(&terminate);
+    sigaddset(&terminate, SIGUSR1);
     pthread_cleanup_push(CancelCleanup, self);
+    pthread_sigmask(SIG_UNBLOCK, &terminate, nullptr);
     self->m_alive = true;
     if (!self->m_manualAck)
         self->m_start.Post();
     self->m_worker(self, self->m_arg);
 
     // From here a late Terminate stays pending and dies with the thread.
-    sigset_t terminate;
-    sigemptyset(&terminate);
-    sigaddset(&terminate, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &terminate, nullptr);
     pthread_cleanup_pop(0);
 

@@ -258,6 +258,9 @@ TEST(ItfSerial, CloseFromInsideHandlerAndReopen) {
     Recorder recorder;
     ZvItfAsyncSerial itf;
     itf.OnClose(); // never opened: nothing happens
+    itf.SetPortName(pty.name);
+    EXPECT_FALSE(itf.OnOpen()); // no handler yet
+    EXPECT_FALSE(itf.IsOpen());
     itf.SetPortName("/nonexistent/tty");
     itf.SetRxHandler(&recorder);
     EXPECT_FALSE(itf.OnOpen());

@@ -80,6 +80,15 @@ TEST(Socket, OpenFailures) {
     ZvSocket sock;
     EXPECT_FALSE(sock.OpenServer(-1));
 
+    // Closing the listening socket releases a thread blocked in accept.
+    Server server;
+    std::atomic<int> accepted{-1};
+    std::thread acceptor([&] { accepted = sock.OpenServer(server.fd) ? 1 : 0; });
+    ZvTime::Sleep(50);
+    ZvSocket::CloseSocketServer(server.fd);
+    acceptor.join();
+    EXPECT_EQ(0, accepted.load());
+
     // Bound but not listening: connections are refused.
     int bound = -1;
     ASSERT_TRUE(ZvSocket::OpenSocketServer(0, bound, 0, 0));

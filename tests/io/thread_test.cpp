@@ -136,6 +136,8 @@ TEST(Thread, ManualAcknowledgement) {
 }
 
 TEST(Thread, TerminateEndsWorkerBlockedInSystemCall) {
+    g_unwound = 0;
+    g_readReturned = false;
     int pipeFds[2];
     ASSERT_EQ(0, pipe(pipeFds));
     ZvThread thread;
