@@ -126,6 +126,11 @@ struct FaultCase {
     unsigned hashRequests, dataRequests;
 };
 
+// Names the case in test listings by its fault.
+void PrintTo(const FaultCase& c, std::ostream* out) {
+    *out << zsim::DbFaultName(c.fault);
+}
+
 class TgtDbFaultTest : public TgtDbE2eTest, public ::testing::WithParamInterface<FaultCase> {};
 
 TEST_P(TgtDbFaultTest, EndsWithStatus51AndNoFile) {
