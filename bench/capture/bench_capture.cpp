@@ -121,6 +121,8 @@ pid_t Spawn(const std::vector<std::string>& args, int stdinFd, int stdoutFd) {
         posix_spawn_file_actions_adddup2(&actions, stdinFd, 0);
     if (stdoutFd >= 0)
         posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
+    // The readers' own messages would mix with the figures.
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
     pid_t pid = -1;
     if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
         pid = -1;
