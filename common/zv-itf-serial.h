@@ -1,0 +1,115 @@
+// The asynchronous serial interface: a read thread hands every received block to a receive
+// handler and reports a dead port once; callers send from any thread.
+//
+// Threads:
+// - OnOpen, OnClose and the setters are called by the owning (controlling) thread. OnClose may
+//   also be called from inside a handler on the read thread; it then does not wait for itself.
+// - The read thread is the only caller of the handler (OnRxData, OnRxFail) and of the port's Read.
+//   A handler must return quickly: nothing is read while it runs.
+// - Send may be called from any thread, concurrently with reading; concurrent Sends are not
+//   serialised here.
+// - The byte totals are each written by one thread (received: the read thread; sent: the sender)
+//   and may be read from any thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "zv-serial.h"
+#include "zv-string-ascii.h"
+#include "zv-thread.h"
+
+// Receives the data of an asynchronous interface, on its read thread.
+class ZvItfAsyncRxHandlers {
+public:
+    // A block of received bytes, valid only during the call.
+    virtual void OnRxData(unsigned int count, unsigned char* data) = 0;
+    // The port has failed; called at most once per open, after which the read thread ends.
+    virtual void OnRxFail() = 0;
+
+protected:
+    ~ZvItfAsyncRxHandlers() = default;
+};
+
+class ZvItfAsyncBase {
+public:
+    ZvItfAsyncBase() = default;
+    ZvItfAsyncBase(const ZvItfAsyncBase&) = delete;
+    ZvItfAsyncBase& operator=(const ZvItfAsyncBase&) = delete;
+
+    virtual bool OnOpen() = 0;
+    virtual void OnClose() = 0;
+    virtual bool IsOpen() = 0;
+    // Writes synchronously on the caller's thread; the result may be ignored (failures are silent
+    // for the interface's users).
+    virtual bool Send(unsigned int count, unsigned char* data) = 0;
+    virtual const char* GetTypeString() const = 0;
+
+    // The handler is not owned; set it while closed.
+    void SetRxHandler(ZvItfAsyncRxHandlers* handler) { m_rxHandler = handler; }
+    ZvItfAsyncRxHandlers* GetRxHandler() const { return m_rxHandler; }
+
+    // Running totals, never reset by open or close; only ResetByteCounts zeroes them.
+    uint64_t GetBytesReceived() const { return m_bytesReceived.load(std::memory_order_relaxed); }
+    uint64_t GetBytesSent() const { return m_bytesSent.load(std::memory_order_relaxed); }
+    void ResetByteCounts() {
+        m_bytesReceived.store(0, std::memory_order_relaxed);
+        m_bytesSent.store(0, std::memory_order_relaxed);
+    }
+    bool IsReading() const { return m_reading; }
+
+protected:
+    ~ZvItfAsyncBase() = default;
+
+    ZvItfAsyncRxHandlers* m_rxHandler = nullptr;
+    std::atomic<uint64_t> m_bytesReceived{0};
+    std::atomic<uint64_t> m_bytesSent{0};
+    std::atomic<bool> m_reading{false};
+};
+
+class ZvItfAsyncSerial : public ZvItfAsyncBase {
+public:
+    static constexpr unsigned kDefaultSpeed = 115200;
+    static constexpr unsigned kDefaultOpenFlags = 5;
+    static constexpr unsigned kDefaultTotalTimeoutMs = 200;
+    // Size of the read thread's stack buffer: the largest block handed to OnRxData.
+    static constexpr unsigned kReadBlockSize = 20000;
+
+    ZvItfAsyncSerial();
+    // Closes the interface and the port.
+    ~ZvItfAsyncSerial();
+
+    // Opens and configures the port (open, time-out, re-open, time-out) and starts the read
+    // thread; true on success, else the interface is closed again. An interface still reading is
+    // closed first; without a receive handler nothing is opened.
+    bool OnOpen() override;
+    // Stops reading and closes the port; nothing is done when not reading.
+    void OnClose() override;
+    bool IsOpen() override { return m_port.IsOpen(); }
+    bool Send(unsigned int count, unsigned char* data) override;
+    const char* GetTypeString() const override { return "serial"; }
+
+    void SetPortName(const char* name) { m_portName = name; }
+    const ZvAString& GetPortName() const { return m_portName; }
+    void SetSpeed(unsigned speed) { m_speed = speed; }
+    unsigned GetSpeed() const { return m_speed; }
+    void SetOpenFlags(unsigned flags) { m_openFlags = flags; }
+    unsigned GetOpenFlags() const { return m_openFlags; }
+    void SetTotalTimeout(unsigned ms) { m_totalTimeoutMs = ms; }
+    unsigned GetTotalTimeout() const { return m_totalTimeoutMs; }
+
+    // The system error number of the port's last failure (after a failed OnOpen).
+    int GetLastError() const { return m_port.GetLastError(); }
+    int GetHandle() const { return m_port.GetHandle(); }
+
+private:
+    static void ReadThreadFunc(ZvThread* thread, void* self);
+    void ReadLoop();
+
+    ZvSerial m_port;
+    ZvAString m_portName;
+    unsigned m_speed = kDefaultSpeed;
+    unsigned m_openFlags = kDefaultOpenFlags;
+    unsigned m_totalTimeoutMs = kDefaultTotalTimeoutMs;
+    ZvThread m_readThread;
+};

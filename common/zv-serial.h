@@ -1,0 +1,48 @@
+// ZvSerial: a raw, blocking serial port on a POSIX terminal: 8 data bits, no parity, 1 stop bit,
+// no translation, optional RTS/CTS, and an inter-read time-out.
+//
+// Threads: Open and SetTotalTimeout are called by the owner while no other thread uses the port.
+// Read is called by one reader thread; Write may be called from other threads at the same time
+// (writes are not serialised here). Close may be called from another thread while a Read is in
+// progress: the descriptor is swapped to -1 before it is closed, so later calls fail cleanly; a
+// Read already blocked in the system returns at the latest when the time-out passes.
+#pragma once
+
+#include <atomic>
+#include <termios.h>
+
+class ZvSerial {
+public:
+    // Open flag bit: RTS/CTS hardware flow control. Other bits are accepted and ignored.
+    static constexpr unsigned kFlagHardwareFlowControl = 2;
+
+    ZvSerial();
+    ~ZvSerial();
+    ZvSerial(const ZvSerial&) = delete;
+    ZvSerial& operator=(const ZvSerial&) = delete;
+
+    // Opens (closing any earlier descriptor) and configures the port; false with the system error
+    // number kept in GetLastError() on failure, the descriptor then closed.
+    bool Open(const char* name, unsigned speed, unsigned flags);
+    // VTIME = ms / 100 (deciseconds, truncated, wraps in one byte), VMIN = 0. False when closed.
+    bool SetTotalTimeout(unsigned ms);
+    // One read of at most size bytes; got is 0 when the time-out passed without data. False when
+    // closed or on a read error.
+    bool Read(unsigned char* buffer, unsigned size, unsigned& got);
+    // One write; true only when the whole count was written. Nothing is retried.
+    bool Write(const unsigned char* data, unsigned count);
+    void Close();
+
+    bool IsOpen() const { return m_fd.load() != -1; }
+    int GetHandle() const { return m_fd.load(); }
+    int GetLastError() const { return m_lastError; }
+
+    // The terminal speed constant for a speed in bits per second; false when not in the table.
+    static bool SpeedToConstant(unsigned speed, speed_t& constant);
+
+private:
+    bool Fail(int fd);
+
+    std::atomic<int> m_fd;
+    std::atomic<int> m_lastError;
+};

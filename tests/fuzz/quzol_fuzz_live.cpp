@@ -1,0 +1,117 @@
+// Live reader under random input cut into random chunks. Checks that every record is sound, that
+// the bytes are all accounted for (records + skipped + held back), and that the result does not
+// depend on where the chunks were cut.
+#include <fuzzer/FuzzedDataProvider.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "quzol-read-live.h"
+
+namespace {
+
+struct Outcome {
+    std::vector<unsigned char> records; // wire bytes of every record, back to back
+    unsigned long long count = 0;
+    unsigned long long skipped = 0;
+    unsigned syncErrors = 0;
+    std::vector<unsigned long long> gaps; // offset, skipped pairs
+};
+
+#define FUZZ_CHECK(cond)                                                                           \
+    do {                                                                                           \
+        if (!(cond))                                                                               \
+            abort();                                                                               \
+    } while (0)
+
+void Consume(QoZolReadLiveMem& reader, QoZolLiveRecord& live, Outcome& out) {
+    while (reader.ReadLiveRecord(live)) {
+        const QoZolRecordTag* r = live.GetRecord();
+        FUZZ_CHECK(r->GetBodySize() <= kQoZolMaxBody);
+        FUZZ_CHECK(r->GetBodySize() + r->GetPadding() <= r->GetCapacity());
+        FUZZ_CHECK(r->GetTotalSize() == 12 + r->GetBodySize() + r->GetPadding());
+        FUZZ_CHECK(r->GetTotalSize() % 4 == 0);
+        out.records.insert(out.records.end(), r->GetData(), r->GetData() + r->GetTotalSize());
+        ++out.count;
+        unsigned long long offset = 0, skipped = 0;
+        if (reader.CheckForResync(offset, skipped)) {
+            FUZZ_CHECK(skipped != 0 && offset + skipped <= reader.GetOffset());
+            out.gaps.push_back(offset);
+            out.gaps.push_back(skipped);
+        }
+    }
+}
+
+// Bytes of the current incomplete record already counted in the stream offset.
+unsigned long long PartialRecordBytes(const QoZolLiveRecord& live) {
+    if (live.m_phase < QoZolLiveRecord::PhaseBody)
+        return 0;
+    const QoZolRecordTag* r = live.GetRecord();
+    return 12 + live.m_bodyRead + (r->GetPadding() - live.m_paddingRemaining);
+}
+
+Outcome Run(const unsigned char* data, size_t size, const std::vector<size_t>& chunks,
+            unsigned syncChoice, unsigned capacity) {
+    QoZolSyncCheck sync;
+    if (syncChoice == 0)
+        sync.AddLiveDefaults();
+    else if (syncChoice == 1)
+        sync.AddScriptDefaults();
+    else
+        sync.AddAllLayouts();
+    QoZolReadLiveMem reader(&sync);
+    QoZolRecordTag* record = QoZolRecordTag::Create(capacity, kQoZolSyncA);
+    QoZolLiveRecord live(record);
+    Outcome out;
+    size_t at = 0;
+    for (size_t n : chunks) {
+        reader.SetData(data + at, static_cast<unsigned>(n));
+        Consume(reader, live, out);
+        FUZZ_CHECK(reader.GetRemaining() == 0);
+        at += n;
+        // Every byte fed so far is a record, skipped, or held for the record being assembled.
+        FUZZ_CHECK(reader.GetOffset() + live.m_header.GetCount() == at);
+        FUZZ_CHECK(reader.GetOffset() ==
+                   out.records.size() + reader.GetSkipped() + PartialRecordBytes(live));
+    }
+    FUZZ_CHECK(at == size);
+    FUZZ_CHECK(reader.GetRecordsRead() == out.count);
+    out.skipped = reader.GetSkipped();
+    out.syncErrors = reader.GetSyncErrors();
+    QoZolRecordTag::Destroy(&record);
+    return out;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    FuzzedDataProvider provider(data, size);
+    const unsigned syncChoice = provider.ConsumeIntegralInRange<unsigned>(0, 2);
+    const unsigned capacity =
+        provider.ConsumeBool() ? kQoZolMaxBody : provider.ConsumeIntegralInRange<unsigned>(0, 256);
+    const unsigned seed = provider.ConsumeIntegral<unsigned>();
+    const std::vector<unsigned char> stream = provider.ConsumeRemainingBytes<unsigned char>();
+
+    // Random chunk sizes from the seed, biased towards small chunks.
+    std::vector<size_t> chunks;
+    unsigned state = seed | 1;
+    for (size_t left = stream.size(); left != 0;) {
+        state = state * 1103515245u + 12345u;
+        size_t n = (state >> 16) % ((state & 0x100) != 0 ? 17 : 400) + 1;
+        if (n > left)
+            n = left;
+        chunks.push_back(n);
+        left -= n;
+    }
+    const Outcome split = Run(stream.data(), stream.size(), chunks, syncChoice, capacity);
+    std::vector<size_t> whole;
+    if (!stream.empty())
+        whole.push_back(stream.size());
+    const Outcome once = Run(stream.data(), stream.size(), whole, syncChoice, capacity);
+    FUZZ_CHECK(split.records == once.records);
+    FUZZ_CHECK(split.skipped == once.skipped);
+    FUZZ_CHECK(split.syncErrors == once.syncErrors);
+    FUZZ_CHECK(split.gaps == once.gaps);
+    return 0;
+}

@@ -1,0 +1,311 @@
+// The serial port and the asynchronous serial interface on real pseudo-terminals.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <fcntl.h>
+#include <mutex>
+#include <pty.h>
+#include <sys/ioctl.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include "zv-itf-serial.h"
+#include "zv-serial.h"
+#include "zv-time.h"
+
+namespace {
+
+// Only the master stays open here: the port takes the terminal exclusively, and a slave
+// descriptor held by the test would keep that exclusion across the port's re-open.
+struct Pty {
+    int master = -1;
+    char name[128] = "";
+    Pty() {
+        int slave = -1;
+        EXPECT_EQ(0, openpty(&master, &slave, name, nullptr, nullptr));
+        close(slave);
+    }
+    ~Pty() { CloseMaster(); }
+    void CloseMaster() {
+        if (master >= 0)
+            close(master);
+        master = -1;
+    }
+    void WriteAll(const unsigned char* data, size_t size) const {
+        while (size > 0) {
+            const ssize_t n = write(master, data, size);
+            ASSERT_GT(n, 0);
+            data += n;
+            size -= static_cast<size_t>(n);
+        }
+    }
+};
+
+struct Recorder : ZvItfAsyncRxHandlers {
+    std::mutex lock;
+    std::vector<unsigned char> bytes;
+    std::atomic<int> blocks{0}, fails{0};
+    unsigned largestBlock = 0;
+    ZvItfAsyncSerial* closeFromHandler = nullptr;
+    std::atomic<bool> closeReturned{false};
+
+    void OnRxData(unsigned count, unsigned char* data) override {
+        {
+            std::lock_guard<std::mutex> guard(lock);
+            bytes.insert(bytes.end(), data, data + count);
+            largestBlock = std::max(largestBlock, count);
+        }
+        ++blocks;
+        if (closeFromHandler != nullptr) {
+            closeFromHandler->OnClose();
+            closeReturned = true;
+        }
+    }
+    void OnRxFail() override { ++fails; }
+    size_t Size() {
+        std::lock_guard<std::mutex> guard(lock);
+        return bytes.size();
+    }
+};
+
+template <typename Predicate>
+bool WaitUntil(Predicate done, unsigned ms) {
+    const unsigned start = ZvTime::GetMsTickTime();
+    while (!done()) {
+        if (ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()) > ms)
+            return false;
+        ZvTime::Sleep(2);
+    }
+    return true;
+}
+
+} // namespace
+
+static termios Settings(const ZvSerial& port) {
+    termios t{};
+    EXPECT_EQ(0, tcgetattr(port.GetHandle(), &t));
+    return t;
+}
+
+TEST(Serial, OpenAppliesRawSettings) {
+    Pty pty;
+    ZvSerial port;
+    ASSERT_TRUE(port.Open(pty.name, 115200, 5));
+    termios t = Settings(port);
+    EXPECT_EQ(0u, t.c_iflag & (IGNBRK | PARMRK | INPCK | ISTRIP | INLCR | IGNCR | ICRNL | IUCLC |
+                               IXON | IXANY | IXOFF));
+    EXPECT_EQ(0u, t.c_oflag & (OPOST | ONLCR));
+    EXPECT_EQ(0u, t.c_lflag &
+                      (ISIG | ICANON | ECHO | ECHOE | ECHOK | ECHONL | ECHOCTL | ECHOKE | IEXTEN));
+    EXPECT_EQ(0u, t.c_cflag & (CSTOPB | PARENB | PARODD | CRTSCTS));
+    EXPECT_EQ(static_cast<tcflag_t>(CS8 | CREAD | CLOCAL), t.c_cflag & (CSIZE | CREAD | CLOCAL));
+    EXPECT_EQ(0, t.c_cc[VMIN]);
+    EXPECT_EQ(0, t.c_cc[VTIME]);
+    EXPECT_EQ(static_cast<speed_t>(B115200), cfgetospeed(&t));
+
+    int exclusive = 0;
+    ASSERT_EQ(0, ioctl(port.GetHandle(), TIOCGEXCL, &exclusive));
+    EXPECT_NE(0, exclusive);
+
+    ASSERT_TRUE(port.Open(pty.name, 115200, ZvSerial::kFlagHardwareFlowControl));
+    EXPECT_NE(0u, Settings(port).c_cflag & CRTSCTS);
+
+    // Closing gives the exclusion up, so anyone may open the terminal again.
+    port.Close();
+    const int again = open(pty.name, O_RDWR | O_NOCTTY);
+    ASSERT_GE(again, 0);
+    EXPECT_EQ(0, ioctl(again, TIOCGEXCL, &exclusive));
+    EXPECT_EQ(0, exclusive);
+    close(again);
+}
+
+TEST(Serial, SpeedTableAndRefusedSpeed) {
+    const std::pair<unsigned, speed_t> table[] = {{0, B0},
+                                                  {50, B50},
+                                                  {75, B75},
+                                                  {110, B110},
+                                                  {134, B134},
+                                                  {150, B150},
+                                                  {200, B200},
+                                                  {300, B300},
+                                                  {600, B600},
+                                                  {1200, B1200},
+                                                  {1800, B1800},
+                                                  {2400, B2400},
+                                                  {4800, B4800},
+                                                  {9600, B9600},
+                                                  {19200, B19200},
+                                                  {38400, B38400},
+                                                  {57600, B57600},
+                                                  {115200, B115200},
+                                                  {230400, B230400},
+                                                  {460800, B460800},
+                                                  {500000, B500000},
+                                                  {576000, B576000},
+                                                  {921600, B921600},
+                                                  {1000000, B1000000},
+                                                  {1152000, B1152000},
+                                                  {1500000, B1500000},
+                                                  {2000000, B2000000},
+                                                  {2500000, B2500000},
+                                                  {3000000, B3000000},
+                                                  {3500000, B3500000},
+                                                  {4000000, B4000000}};
+    Pty pty;
+    ZvSerial port;
+    for (const auto& row : table) {
+        ASSERT_TRUE(port.Open(pty.name, row.first, 0)) << row.first;
+        const termios t = Settings(port);
+        EXPECT_EQ(row.second, cfgetospeed(&t)) << row.first;
+    }
+    EXPECT_FALSE(port.Open(pty.name, 12345, 0));
+    EXPECT_FALSE(port.IsOpen());
+    EXPECT_NE(0, port.GetLastError());
+}
+
+TEST(Serial, TotalTimeoutInDeciseconds) {
+    Pty pty;
+    ZvSerial port;
+    EXPECT_FALSE(port.SetTotalTimeout(200)); // closed
+    ASSERT_TRUE(port.Open(pty.name, 115200, 5));
+    const std::pair<unsigned, int> cases[] = {
+        {250, 2}, {99, 0}, {2550, 25}, {25600, 0}, {25700, 1}};
+    for (const auto& c : cases) {
+        ASSERT_TRUE(port.SetTotalTimeout(c.first));
+        EXPECT_EQ(c.second, Settings(port).c_cc[VTIME]) << c.first;
+        EXPECT_EQ(0, Settings(port).c_cc[VMIN]);
+    }
+}
+
+TEST(ItfSerial, DeliversEveryByteInOrderAcrossChunkSizes) {
+    Pty pty;
+    Recorder recorder;
+    ZvItfAsyncSerial itf;
+    itf.SetRxHandler(&recorder);
+    itf.SetPortName(pty.name);
+    ASSERT_TRUE(itf.OnOpen());
+    EXPECT_TRUE(itf.IsReading());
+
+    // Every byte value, including the ones a cooked terminal would swallow or translate.
+    std::vector<unsigned char> sent;
+    const size_t chunks[] = {1, 3, 17, 255, 4095, 4096, 4097, 20000, 25000, 2};
+    for (size_t round = 0; round < 2; ++round) {
+        for (size_t size : chunks) {
+            std::vector<unsigned char> chunk(size);
+            for (auto& b : chunk)
+                b = static_cast<unsigned char>(sent.size() * 7 + (&b - chunk.data()) * 13);
+            pty.WriteAll(chunk.data(), chunk.size());
+            sent.insert(sent.end(), chunk.begin(), chunk.end());
+        }
+    }
+    ASSERT_TRUE(WaitUntil([&] { return recorder.Size() >= sent.size(); }, 10000));
+    ZvTime::Sleep(50);
+    EXPECT_TRUE(recorder.bytes == sent);
+    EXPECT_EQ(sent.size(), itf.GetBytesReceived());
+    EXPECT_LE(recorder.largestBlock, ZvItfAsyncSerial::kReadBlockSize);
+    EXPECT_EQ(0, recorder.fails.load());
+
+    // Sending: the bytes leave unchanged (no newline translation) and are counted.
+    unsigned char out[] = {'a', '\n', 0x00, 0x11, 0x13, 0xff};
+    EXPECT_TRUE(itf.Send(sizeof(out), out));
+    unsigned char back[16];
+    ASSERT_EQ(static_cast<ssize_t>(sizeof(out)), read(pty.master, back, sizeof(back)));
+    EXPECT_EQ(0, memcmp(out, back, sizeof(out)));
+    EXPECT_EQ(sizeof(out), itf.GetBytesSent());
+
+    // Drained, then hung up: one failure, and the read thread ends.
+    pty.CloseMaster();
+    ASSERT_TRUE(WaitUntil([&] { return recorder.fails.load() > 0; }, 3000));
+    ZvTime::Sleep(300);
+    EXPECT_EQ(1, recorder.fails.load());
+    EXPECT_TRUE(itf.IsOpen()); // failed, not yet closed
+    itf.OnClose();
+    EXPECT_FALSE(itf.IsOpen());
+    EXPECT_FALSE(itf.Send(sizeof(out), out));
+    EXPECT_EQ(sizeof(out), itf.GetBytesSent());
+}
+
+TEST(ItfSerial, FastEmptyReadsFailOnceSlowOnesNever) {
+    Pty pty;
+    Recorder slow, fast;
+    ZvItfAsyncSerial itf;
+    itf.SetRxHandler(&slow);
+    itf.SetPortName(pty.name);
+    ASSERT_TRUE(itf.OnOpen()); // 200 ms time-out: empty reads 200 ms apart
+    ZvTime::Sleep(700);
+    EXPECT_EQ(0, slow.fails.load());
+    EXPECT_TRUE(itf.IsReading());
+    const unsigned start = ZvTime::GetMsTickTime();
+    itf.OnClose();
+    EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u);
+    EXPECT_FALSE(itf.IsReading());
+    EXPECT_EQ(0, slow.fails.load());
+
+    // 99 ms gives VTIME 0: reads come back empty at once, as from a vanished device.
+    itf.SetRxHandler(&fast);
+    itf.SetTotalTimeout(99);
+    ASSERT_TRUE(itf.OnOpen());
+    ASSERT_TRUE(WaitUntil([&] { return fast.fails.load() > 0; }, 2000));
+    ZvTime::Sleep(100);
+    EXPECT_EQ(1, fast.fails.load());
+    itf.OnClose();
+}
+
+TEST(ItfSerial, CloseFromInsideHandlerAndReopen) {
+    Pty pty;
+    Recorder recorder;
+    ZvItfAsyncSerial itf;
+    itf.OnClose(); // never opened: nothing happens
+    itf.SetPortName(pty.name);
+    EXPECT_FALSE(itf.OnOpen()); // no handler yet
+    EXPECT_FALSE(itf.IsOpen());
+    itf.SetPortName("/nonexistent/tty");
+    itf.SetRxHandler(&recorder);
+    EXPECT_FALSE(itf.OnOpen());
+    EXPECT_EQ(ENOENT, itf.GetLastError());
+    EXPECT_FALSE(itf.IsOpen());
+
+    itf.SetPortName(pty.name);
+    recorder.closeFromHandler = &itf;
+    ASSERT_TRUE(itf.OnOpen());
+    const unsigned char byte = 0x5a;
+    pty.WriteAll(&byte, 1);
+    // OnClose must not wait for (or terminate) the thread it runs on.
+    ASSERT_TRUE(WaitUntil([&] { return recorder.closeReturned.load(); }, 2000));
+    EXPECT_FALSE(itf.IsOpen());
+    EXPECT_FALSE(itf.IsReading());
+
+    recorder.closeFromHandler = nullptr;
+    ASSERT_TRUE(itf.OnOpen());
+    pty.WriteAll(&byte, 1);
+    ASSERT_TRUE(WaitUntil([&] { return recorder.Size() == 2; }, 2000));
+    EXPECT_EQ(2, recorder.blocks.load());
+    EXPECT_EQ(0, recorder.fails.load());
+    EXPECT_EQ(2u, itf.GetBytesReceived());
+}
+
+TEST(ItfSerial, CloseTerminatesReaderStuckInLongRead) {
+    Pty pty;
+    Recorder recorder;
+    {
+        ZvItfAsyncSerial itf;
+        itf.SetRxHandler(&recorder);
+        itf.SetPortName(pty.name);
+        itf.SetTotalTimeout(5000); // each empty read blocks 5 s
+        ASSERT_TRUE(itf.OnOpen());
+        ZvTime::Sleep(50);
+        const unsigned start = ZvTime::GetMsTickTime();
+        itf.OnClose();
+        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 2000u);
+        EXPECT_FALSE(itf.IsOpen());
+
+        // Open again and leave the destructor to stop the reader.
+        ASSERT_TRUE(itf.OnOpen());
+        const unsigned char byte = 1;
+        pty.WriteAll(&byte, 1);
+        ASSERT_TRUE(WaitUntil([&] { return recorder.Size() == 1; }, 2000));
+    }
+    EXPECT_EQ(0, recorder.fails.load());
+}

@@ -1,0 +1,231 @@
+// Sockets over real loopback connections on ephemeral ports.
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <cerrno>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include "zv-socket.h"
+#include "zv-time.h"
+
+namespace {
+
+const unsigned long kLoopback = htonl(INADDR_LOOPBACK);
+
+unsigned Elapsed(unsigned start) {
+    return ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime());
+}
+
+// A listening socket on a free port; Accept runs OpenServer on a thread while a client connects.
+struct Server {
+    int fd = -1;
+    int port = -1;
+    Server() {
+        EXPECT_TRUE(ZvSocket::OpenSocketServer(0, fd, 16384, 262144));
+        port = ZvSocket::GetLocalPort(fd);
+    }
+    ~Server() { ZvSocket::CloseSocketServer(fd); }
+
+    // Connects `connect` (which returns true once connected) and accepts into `accepted`.
+    template <typename Connect>
+    void Accept(ZvSocket& accepted, Connect connect) {
+        std::atomic<bool> ok{false};
+        std::thread acceptor([&] { ok = accepted.OpenServer(fd, 16384, 262144); });
+        const unsigned start = ZvTime::GetMsTickTime();
+        while (!connect() && Elapsed(start) < 3000)
+            ZvTime::Sleep(2); // refused until the acceptor listens
+        acceptor.join();
+        ASSERT_TRUE(ok.load());
+    }
+};
+
+struct Pair {
+    Server server;
+    ZvSocket near, far;
+    Pair() {
+        server.Accept(far, [&] { return near.OpenClient(server.port, kLoopback); });
+    }
+};
+
+} // namespace
+
+TEST(Socket, PeerAddressesInNetworkOrder) {
+    Server server;
+    ZvSocket accepted;
+    int raw = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in from{};
+    from.sin_family = AF_INET;
+    from.sin_addr.s_addr = inet_addr("127.0.0.7");
+    ASSERT_EQ(0, bind(raw, reinterpret_cast<sockaddr*>(&from), sizeof(from)));
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_addr.s_addr = kLoopback;
+    to.sin_port = htons(static_cast<uint16_t>(server.port));
+    server.Accept(accepted,
+                  [&] { return connect(raw, reinterpret_cast<sockaddr*>(&to), sizeof(to)) == 0; });
+    EXPECT_EQ("127.0.0.7", accepted.GetPeerAddress());
+    close(raw);
+
+    Pair pair;
+    EXPECT_EQ("127.0.0.1", pair.near.GetPeerAddress());
+    pair.near.Close();
+    EXPECT_EQ("", pair.near.GetPeerAddress());
+}
+
+TEST(Socket, OpenFailures) {
+    ZvSocket sock;
+    EXPECT_FALSE(sock.OpenServer(-1));
+
+    // Closing the listening socket releases a thread blocked in accept.
+    Server server;
+    std::atomic<int> accepted{-1};
+    std::thread acceptor([&] { accepted = sock.OpenServer(server.fd) ? 1 : 0; });
+    ZvTime::Sleep(50);
+    ZvSocket::CloseSocketServer(server.fd);
+    acceptor.join();
+    EXPECT_EQ(0, accepted.load());
+
+    // Bound but not listening: connections are refused.
+    int bound = -1;
+    ASSERT_TRUE(ZvSocket::OpenSocketServer(0, bound, 0, 0));
+    const int port = ZvSocket::GetLocalPort(bound);
+    EXPECT_FALSE(sock.OpenClient(port, kLoopback));
+    EXPECT_EQ("Failed to connect to socket (111).", sock.GetLastMessage());
+    EXPECT_FALSE(sock.IsOpen());
+
+    // The port is taken: the bind fails, the descriptor stays for the caller to close.
+    int second = -1;
+    EXPECT_FALSE(ZvSocket::OpenSocketServer(port, second, 0, 0));
+    EXPECT_GE(second, 0);
+    ZvSocket::CloseSocketServer(second);
+    EXPECT_EQ(-1, second);
+    ZvSocket::CloseSocketServer(bound);
+}
+
+TEST(Socket, WaitResultsAndMessages) {
+    ZvSocket closed;
+    EXPECT_EQ(-1, closed.Wait(ZvSocket::kWaitRead, 0));
+    EXPECT_EQ("Wait failed as socket not open.", closed.GetLastMessage());
+    EXPECT_EQ(0, closed.Read(nullptr, 10));
+    EXPECT_EQ(0, closed.Write("x", 1));
+
+    Pair pair;
+    const unsigned start = ZvTime::GetMsTickTime();
+    EXPECT_EQ(0, pair.far.Wait(ZvSocket::kWaitRead, 0));
+    EXPECT_LT(Elapsed(start), 100u);
+    EXPECT_EQ("Wait on socket timed out (0ms).", pair.far.GetLastMessage());
+    EXPECT_EQ(0, pair.near.Write("abc", 0));
+    EXPECT_EQ(3, pair.near.Write("abc", 3));
+    EXPECT_EQ(3, pair.far.Wait(ZvSocket::kWaitRead | ZvSocket::kWaitWrite, 1000));
+    EXPECT_EQ("", pair.far.GetLastMessage());
+
+    // Non-blocking mode: an empty socket reports EAGAIN instead of waiting.
+    char buffer[8];
+    EXPECT_EQ(3, pair.far.Read(buffer, sizeof(buffer)));
+    ASSERT_TRUE(pair.far.SetBlocking(false));
+    EXPECT_EQ(-1, pair.far.Read(buffer, sizeof(buffer)));
+    EXPECT_EQ(EAGAIN, errno);
+    ASSERT_TRUE(pair.far.SetBlocking(true));
+}
+
+TEST(Socket, SplitWaitTimesOutAbortsAndSeesData) {
+    Pair pair;
+    bool abort = false;
+    unsigned start = ZvTime::GetMsTickTime();
+    EXPECT_EQ(0, pair.far.SplitWait(ZvSocket::kWaitRead, 1000, abort, 300));
+    EXPECT_GE(Elapsed(start), 950u);
+    EXPECT_LT(Elapsed(start), 3000u);
+    EXPECT_EQ("Wait on socket timed out (1000ms).", pair.far.GetLastMessage());
+
+    start = ZvTime::GetMsTickTime();
+    std::thread aborter([&] {
+        ZvTime::Sleep(100);
+        __atomic_store_n(&abort, true, __ATOMIC_RELEASE); // a plain flag, as callers use it
+    });
+    EXPECT_EQ(-2, pair.far.SplitWait(ZvSocket::kWaitRead, 10000, abort, 50));
+    aborter.join();
+    EXPECT_LT(Elapsed(start), 3000u);
+
+    abort = false;
+    std::thread writer([&] {
+        ZvTime::Sleep(100);
+        pair.near.Write("z", 1);
+    });
+    EXPECT_EQ(1, pair.far.SplitWait(ZvSocket::kWaitRead, 10000, abort, 50));
+    writer.join();
+}
+
+TEST(Socket, PeerLeavingMidReadAndAfterwards) {
+    Pair pair;
+    std::atomic<int> result{99};
+    std::thread reader([&] {
+        char buffer[16];
+        result = pair.far.Read(buffer, sizeof(buffer));
+    });
+    ZvTime::Sleep(50);
+    pair.near.Close();
+    reader.join();
+    EXPECT_EQ(0, result.load()); // end of stream
+
+    // Writes to the vanished peer fail without SIGPIPE (which would end this process).
+    char block[4096] = {};
+    int last = 0;
+    for (int i = 0; i < 100 && last >= 0; ++i)
+        last = (i % 2) ? pair.far.Write(block, sizeof(block))
+                       : pair.far.WriteNonBlocking(block, sizeof(block));
+    EXPECT_EQ(-1, last);
+    EXPECT_TRUE(errno == EPIPE || errno == ECONNRESET) << errno;
+}
+
+TEST(Socket, NonBlockingWriteDropsWhenPeerIsFull) {
+    Pair pair; // the peer never reads
+    char block[65536] = {};
+    long long accepted = 0;
+    int result = 0;
+    for (int i = 0; i < 1000; ++i) {
+        result = pair.far.WriteNonBlocking(block, sizeof(block));
+        if (result < 0)
+            break;
+        accepted += result;
+    }
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(EAGAIN, errno);
+    EXPECT_GT(accepted, 0);
+    EXPECT_TRUE(pair.far.IsOpen());
+}
+
+TEST(Socket, CloseWhileAnotherThreadWrites) {
+    Pair pair;
+    std::atomic<bool> stop{false};
+    std::thread drain([&] {
+        char buffer[4096];
+        while (pair.near.Read(buffer, sizeof(buffer)) > 0) {
+        }
+    });
+    std::thread writer([&] {
+        const char chunk[512] = {};
+        while (!stop)
+            pair.far.WriteNonBlocking(chunk, sizeof(chunk));
+    });
+    ZvTime::Sleep(30);
+    pair.far.Close();
+    EXPECT_EQ(0, pair.far.Write("x", 1));
+    stop = true;
+    writer.join();
+    drain.join(); // the shutdown ended the peer's stream
+}
+
+TEST(Socket, WaitForDataKeepsOnlyReadySockets) {
+    Pair a, b;
+    b.near.Write("q", 1);
+    ZvSocket* sockets[3] = {&a.far, nullptr, &b.far};
+    EXPECT_EQ(1, ZvSocket::WaitForData(sockets, 3));
+    EXPECT_EQ(nullptr, sockets[0]);
+    EXPECT_EQ(&b.far, sockets[2]);
+    EXPECT_TRUE(b.far.IsDataReady());
+    EXPECT_FALSE(a.far.IsDataReady());
+}

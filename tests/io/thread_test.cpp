@@ -1,0 +1,163 @@
+// Semaphores, the recursive lock and worker threads, on real threads.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <unistd.h>
+
+#include "zv-crit.h"
+#include "zv-sema.h"
+#include "zv-thread.h"
+#include "zv-time.h"
+
+TEST(Sema, DeadlineCarriesMicrosecondsIntoSeconds) {
+    timespec d = ZvSema::Deadline(timeval{10, 600000}, 1500);
+    EXPECT_EQ(12, d.tv_sec);
+    EXPECT_EQ(100000000, d.tv_nsec);
+    d = ZvSema::Deadline(timeval{10, 400000}, 600);
+    EXPECT_EQ(11, d.tv_sec);
+    EXPECT_EQ(0, d.tv_nsec);
+}
+
+TEST(Sema, TimedWaitsCountAndTimeOut) {
+    ZvSema sema;
+    EXPECT_FALSE(sema.Wait(10)); // never created
+    EXPECT_FALSE(sema.Post());
+    ASSERT_TRUE(sema.Create(2));
+    EXPECT_TRUE(sema.Wait(0));
+    EXPECT_TRUE(sema.Wait());
+    const unsigned start = ZvTime::GetMsTickTime();
+    EXPECT_FALSE(sema.Wait(100));
+    EXPECT_GE(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 90u);
+    EXPECT_TRUE(sema.Post());
+    EXPECT_TRUE(sema.Wait(100));
+}
+
+TEST(Crit, OwnerReentersOthersWait) {
+    ZvCrit crit;
+    crit.Enter();
+    crit.Enter();
+    std::atomic<int> tried{-1};
+    struct Probe {
+        ZvCrit* crit;
+        std::atomic<int>* result;
+    } args{&crit, &tried};
+    auto check = [&](int expected) {
+        tried = -1;
+        ASSERT_TRUE(ZvThreadStartFreeThread(
+            [](void* p) {
+                Probe* a = static_cast<Probe*>(p);
+                const bool got = a->crit->TryEnter();
+                if (got)
+                    a->crit->Leave();
+                a->result->store(got ? 1 : 0);
+            },
+            &args));
+        while (tried == -1)
+            ZvTime::Sleep(1);
+        EXPECT_EQ(expected, tried.load());
+    };
+    check(0);
+    crit.Leave();
+    check(0); // still held once
+    crit.Leave();
+    check(1);
+}
+
+namespace {
+
+struct Gate {
+    ZvSema go;
+    std::atomic<bool> afterGate{false};
+    Gate() { go.Create(0); }
+};
+
+void WaitAtGate(ZvThread*, void* p) {
+    Gate* gate = static_cast<Gate*>(p);
+    gate->go.Wait();
+    gate->afterGate = true;
+}
+
+void AckAfterGate(ZvThread* thread, void* p) {
+    static_cast<Gate*>(p)->go.Wait();
+    thread->AckThreadStarted();
+}
+
+struct Unwound {
+    std::atomic<int>* count;
+    ~Unwound() { ++*count; }
+};
+
+std::atomic<int> g_unwound{0};
+std::atomic<bool> g_readReturned{false};
+
+void BlockInRead(ZvThread*, void* p) {
+    Unwound guard{&g_unwound};
+    char byte;
+    (void)!read(*static_cast<int*>(p), &byte, 1); // never gets data
+    g_readReturned = true;
+}
+
+} // namespace
+
+TEST(Thread, StartAndFinishStayObservable) {
+    ZvThread thread;
+    EXPECT_FALSE(thread.Create(nullptr, nullptr, 0));
+    EXPECT_FALSE(thread.IsRunning());
+
+    Gate gate;
+    ASSERT_TRUE(thread.Create(WaitAtGate, &gate, 0));
+    EXPECT_TRUE(thread.WaitForThreadStart(2000));
+    EXPECT_TRUE(thread.WaitForThreadStart(0));
+    EXPECT_FALSE(thread.WaitForThreadFinish(50));
+    EXPECT_TRUE(thread.IsRunning());
+    gate.go.Post();
+    EXPECT_TRUE(thread.WaitForThreadFinish(ZvThread::kWaitForever));
+    EXPECT_TRUE(gate.afterGate);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_TRUE(thread.WaitForThreadFinish(0));
+    EXPECT_FALSE(thread.IsRunning());
+    thread.Terminate(0); // finished: nothing to stop
+
+    // The object may run a new worker once the first has finished.
+    Gate second;
+    ASSERT_TRUE(thread.Create(WaitAtGate, &second, 0));
+    second.go.Post();
+    EXPECT_TRUE(thread.WaitForThreadFinish(2000));
+}
+
+TEST(Thread, ManualAcknowledgement) {
+    ZvThread thread;
+    Gate gate;
+    ASSERT_TRUE(thread.Create(AckAfterGate, &gate, ZvThread::kManualAck));
+    EXPECT_FALSE(thread.WaitForThreadStart(100));
+    gate.go.Post();
+    EXPECT_TRUE(thread.WaitForThreadStart(2000));
+    EXPECT_TRUE(thread.WaitForThreadFinish(2000));
+}
+
+TEST(Thread, TerminateEndsWorkerBlockedInSystemCall) {
+    g_unwound = 0;
+    g_readReturned = false;
+    int pipeFds[2];
+    ASSERT_EQ(0, pipe(pipeFds));
+    ZvThread thread;
+    ASSERT_TRUE(thread.Create(BlockInRead, &pipeFds[0], 0));
+    ASSERT_TRUE(thread.WaitForThreadStart(2000));
+    ZvTime::Sleep(50); // let it reach the read
+    EXPECT_FALSE(thread.WaitForThreadFinish(10));
+    thread.Terminate(0);
+    EXPECT_FALSE(thread.IsRunning());
+    EXPECT_TRUE(thread.WaitForThreadFinish(2000));
+    EXPECT_FALSE(thread.IsAlive());
+    EXPECT_FALSE(g_readReturned);
+    EXPECT_EQ(1, g_unwound.load()); // the worker's stack objects were unwound
+    close(pipeFds[0]);
+    close(pipeFds[1]);
+}
+
+TEST(Thread, FreeThreadGetsItsArgument) {
+    ZvSema done;
+    ASSERT_TRUE(done.Create(0));
+    ASSERT_TRUE(ZvThreadStartFreeThread([](void* p) { static_cast<ZvSema*>(p)->Post(); }, &done));
+    EXPECT_TRUE(done.Wait(2000));
+}
