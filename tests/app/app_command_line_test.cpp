@@ -15,9 +15,12 @@ struct Outcome {
     std::string err;
 };
 
-Outcome RunTool(const std::vector<std::string>& args) {
+Outcome RunTool(const std::vector<std::string>& args, bool inTestbed = false) {
     zavra_test::Process tool;
-    EXPECT_TRUE(tool.Start(ZAVRA_LOG_SERIAL_PATH, args)) << tool.Error();
+    std::vector<std::string> all = args;
+    if (inTestbed)
+        all.insert(all.begin(), ZAVRA_LOG_SERIAL_PATH);
+    EXPECT_TRUE(tool.Start(inTestbed ? ZAVRA_TESTBED : ZAVRA_LOG_SERIAL_PATH, all)) << tool.Error();
     if (!tool.Wait(20000)) {
         tool.Kill();
         ADD_FAILURE() << "the tool did not end: " << tool.Stderr();
@@ -188,6 +191,25 @@ TEST(CommandLine, InterfaceDefinitionFileWithoutMatch) {
         << missing.err;
     EXPECT_NE(missing.err.find("Error 0(14):No port detected matching specification (from file)."),
               std::string::npos);
+}
+
+TEST(CommandLine, InterfaceDefinitionFileFindsTheDetectedPort) {
+    zavra_test::TempDir dir;
+    const std::string file = dir.File("modem.txt");
+    // The second line matches the mocked modem's interface 00 (/dev/ttyACM0 of the first
+    // modem); it wins over the first line, which matches nothing.
+    ASSERT_TRUE(zavra_test::WriteFile(file, "VID=ffff,PID=0001,MI=00\n"
+                                            "Vid=1e2d, pid=0061, mi=00\n"));
+    Outcome out = RunTool({file, "-o"}, true);
+    EXPECT_NE(out.err.find("Using /dev/ttyACM"), std::string::npos) << out.err;
+    EXPECT_NE(out.err.find(" (Zavra ZM200 Modem).\n"), std::string::npos) << out.err;
+    // The port the file named is the one the tool then opens.
+    size_t at = out.err.find("Using ");
+    ASSERT_NE(at, std::string::npos);
+    std::string port = out.err.substr(at + 6, out.err.find(' ', at + 6) - at - 6);
+    EXPECT_NE(out.err.find("Failed to open the serial logging interface '" + port + "'."),
+              std::string::npos)
+        << out.err;
 }
 
 } // namespace
