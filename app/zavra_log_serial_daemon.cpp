@@ -9,6 +9,8 @@ void ZlbsDaemonStart(Zlbs&) {
 
 void ZlbsDaemonPortFailed(Zlbs&) {}
 
+void ZlbsDaemonExit(Zlbs&) {}
+
 void ZlbsDaemonCrashFileName(Zlbs&, ZvAString& name) {
     name.clear();
 }

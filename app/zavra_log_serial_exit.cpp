@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "zavra_log_serial_app.h"
+#include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
 #include "zv-thread.h"
 #include "zv-time.h"
@@ -68,7 +69,9 @@ void Zlbs::OnExit(int code) {
         serial.OnClose();
     }
     rxNormal.CloseFile();
-    if (!args.daemonMode)
+    if (args.daemonMode)
+        ZlbsDaemonExit(*this);
+    else
         socketStream.Close();
 
     if (noisiness == 2)
