@@ -41,6 +41,7 @@ TEST(Capture, SigtermGivesFifteenAndClosesTheChannelAfterTheDrain) {
     ASSERT_TRUE(bench.modem.WaitForRecordId(0x35, 10000, 2)) << tool.Stderr();
     tool.Signal(SIGTERM);
     ExpectExit(tool, 15);
+    bench.modem.WaitForHostQuiet(150, 3000);
 
     std::vector<zsim::HostRecord> closes = bench.modem.RecordsWithId(0x36);
     std::vector<zsim::HostRecord> opens = bench.modem.RecordsWithId(0x35);
@@ -63,6 +64,7 @@ TEST(Capture, SecondSignalDuringTheDrainClosesOnlyOnce) {
     usleep(150000);
     tool.Signal(SIGTERM);
     ExpectExit(tool, 2);
+    bench.modem.WaitForHostQuiet(150, 3000);
     EXPECT_EQ(bench.modem.RecordsWithId(0x36).size(), 4u);
 }
 

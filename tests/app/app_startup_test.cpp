@@ -22,6 +22,8 @@ std::vector<HostRecord> StartUpRecords(const std::vector<std::string>& options, 
     EXPECT_TRUE(bench.modem.WaitForRecordId(openId, 10000, 2)) << tool.Stderr();
     tool.Signal(SIGINT);
     ExpectExit(tool, 2);
+    // The closing pair may still be on its way through the pty when the tool has exited.
+    bench.modem.WaitForHostQuiet(150, 3000);
     return bench.modem.Records();
 }
 
@@ -138,6 +140,7 @@ TEST(StartUp, TimeLimitEndsTheRunWithStatusZero) {
     auto start = std::chrono::steady_clock::now();
     StartTool(tool, {"-d" + bench.Port(), "-t", "-m1000", bench.Out()});
     ExpectExit(tool, 0);
+    bench.modem.WaitForHostQuiet(150, 3000);
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
                   std::chrono::steady_clock::now() - start)
                   .count();

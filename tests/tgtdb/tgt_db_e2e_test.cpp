@@ -66,6 +66,7 @@ protected:
 
     // The records the modem received, compared with the literal messages expected.
     void ExpectReceived(const std::vector<Bytes>& expected) {
+        modem.WaitForHostQuiet(150, 3000); // what the tool wrote just before it exited
         auto records = modem.Records();
         ASSERT_EQ(records.size(), expected.size());
         for (size_t i = 0; i < expected.size(); ++i) {

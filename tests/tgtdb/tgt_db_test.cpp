@@ -37,9 +37,7 @@ public:
         dir = pattern;
         path = dir + "/target.zx";
     }
-    void TearDown() override {
-        ASSERT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0);
-    }
+    void TearDown() override { ASSERT_EQ(system(("rm -rf '" + dir + "'").c_str()), 0); }
 
     void Feed(const Bytes& stream, size_t chunk = SIZE_MAX) {
         for (size_t at = 0; at < stream.size(); at += chunk) {
