@@ -218,14 +218,3 @@ TEST(Socket, CloseWhileAnotherThreadWrites) {
     writer.join();
     drain.join(); // the shutdown ended the peer's stream
 }
-
-TEST(Socket, WaitForDataKeepsOnlyReadySockets) {
-    Pair a, b;
-    b.near.Write("q", 1);
-    ZvSocket* sockets[3] = {&a.far, nullptr, &b.far};
-    EXPECT_EQ(1, ZvSocket::WaitForData(sockets, 3));
-    EXPECT_EQ(nullptr, sockets[0]);
-    EXPECT_EQ(&b.far, sockets[2]);
-    EXPECT_TRUE(b.far.IsDataReady());
-    EXPECT_FALSE(a.far.IsDataReady());
-}
