@@ -166,12 +166,20 @@ bool CopyFile(const char* src, const char* dst, const char* mode) {
     return fclose(out) == 0 && ok;
 }
 
+// True when both names lead to one existing file, e.g. "a" and "./a".
+bool SameFile(const char* a, const char* b) {
+    struct stat first, second;
+    return stat(a, &first) == 0 && stat(b, &second) == 0 && first.st_dev == second.st_dev &&
+           first.st_ino == second.st_ino;
+}
+
 } // namespace
 
 bool ZvFile::Copy(const char* src, const char* dst, bool failIfExists) {
     if (src == nullptr || dst == nullptr)
         return false;
-    if (strcmp(src, dst) == 0)
+    // Copying a file onto itself would truncate it before reading.
+    if (strcmp(src, dst) == 0 || SameFile(src, dst))
         return true;
     if (failIfExists && Exists(dst))
         return false;
@@ -189,7 +197,8 @@ bool ZvFile::Rename(const char* oldPath, const char* newPath) {
 }
 
 bool ZvFile::Append(const char* dst, const char* src) {
-    if (src == nullptr || dst == nullptr || strcmp(src, dst) == 0)
+    // Appending a file to itself would never reach its end.
+    if (src == nullptr || dst == nullptr || strcmp(src, dst) == 0 || SameFile(src, dst))
         return false;
     return CopyFile(src, dst, "ab");
 }

@@ -61,12 +61,13 @@ public:
     // Adds owner read and write permission to an existing file that lacks either.
     static bool MakeWriteable(const char* path);
 
-    // Copies `src` to `dst` in 4096-byte blocks. The same name for both is success with nothing
-    // done; with `failIfExists` an existing `dst` is a failure.
+    // Copies `src` to `dst` in 4096-byte blocks. The same file for both (the same name, or one
+    // file under two names) is success with nothing done; with `failIfExists` an existing `dst`
+    // is a failure.
     static bool Copy(const char* src, const char* dst, bool failIfExists);
     // Renames; across file systems falls back to copy and remove.
     static bool Rename(const char* oldPath, const char* newPath);
-    // Appends the whole of `src` to `dst`. The same name for both is a failure.
+    // Appends the whole of `src` to `dst`. The same file for both is a failure.
     static bool Append(const char* dst, const char* src);
 
     // Plain system open; the descriptor or -1.

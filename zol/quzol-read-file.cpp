@@ -93,9 +93,9 @@ QoZolReadFile::~QoZolReadFile() {
 }
 
 unsigned QoZolReadFile::DoRead(void* buffer, unsigned size) {
-    if (m_file == nullptr || size == 0)
+    if (size == 0)
         return 0;
-    return static_cast<unsigned>(fread(buffer, 1, size, m_file));
+    return static_cast<unsigned>(m_file.Read(buffer, size));
 }
 
 void QoZolReadFile::Close() {
@@ -104,25 +104,21 @@ void QoZolReadFile::Close() {
 }
 
 long long QoZolReadFile::DoFtell() const {
-    return m_file != nullptr ? static_cast<long long>(ftello(m_file)) : 0;
+    return m_file.Ftell();
 }
 
 void QoZolReadFile::DoClose() {
-    if (m_file != nullptr) {
-        fclose(m_file);
-        m_file = nullptr;
-    }
+    m_file.Close();
 }
 
 bool QoZolReadFile::DoOpen(const char* path) {
-    DoClose();
-    m_file = fopen(path, "rb");
-    return m_file != nullptr;
+    return m_file.Open(path, "rb");
 }
 
 bool QoZolReadFile::DoSeekStart() {
-    if (m_file == nullptr)
+    if (!m_file.IsOpen())
         return false;
-    clearerr(m_file);
-    return fseeko(m_file, 0, SEEK_SET) == 0;
+    // A script is sent again from its start: forget the end and error state of the last pass.
+    clearerr(m_file.GetHandle());
+    return m_file.Fseek(0, SEEK_SET);
 }

@@ -1,9 +1,8 @@
 // File readers: records read one by one from a file of ZOL records (a script or a capture).
 #pragma once
 
-#include <cstdio>
-
 #include "quzol-read.h"
+#include "zv-file.h"
 
 class QoZolReadFileBase : public QoZolReadBase {
 public:
@@ -48,8 +47,9 @@ public:
     void DoClose() override;
     bool DoOpen(const char* path) override;
     bool DoSeekStart() override;
-    bool DoIsOpen() const override { return m_file != nullptr; }
+    bool DoIsOpen() const override { return m_file.IsOpen(); }
 
 private:
-    FILE* m_file = nullptr;
+    // Mutable because telling the position is not const on the file handle.
+    mutable ZvFile m_file;
 };

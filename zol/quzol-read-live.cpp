@@ -11,6 +11,61 @@ void QoZolLiveRecord::Reset() {
     m_header.Reset();
 }
 
+namespace {
+unsigned LoadWord(const unsigned char* p) {
+    unsigned word;
+    memcpy(&word, p, sizeof(word));
+    return word;
+}
+} // namespace
+
+int QoZolReadLiveBase::ReadFromView(QoZolLiveRecord& live) {
+    if (m_view == nullptr || live.m_header.GetCount() != 0)
+        return 0;
+    unsigned skip = 0;
+    while (skip + 4 <= m_viewSize && !MatchSync(LoadWord(m_view + skip)))
+        ++skip;
+    if (skip != 0) {
+        if (!live.m_outOfStep) {
+            live.m_outOfStep = true;
+            ++m_syncErrors;
+        }
+        TakeFromView(skip);
+        m_skipped += skip;
+        m_offset += skip;
+    }
+    // A sync word near the end of the view (or none) is left to the buffered path.
+    if (m_viewSize < kQoZolHeaderSize)
+        return 0;
+    QoZolHeaderBytesTag header;
+    memcpy(&header, m_view, kQoZolHeaderSize);
+    QoZolRecordTag* record = live.m_record;
+    if (!record->SetHeader(header)) {
+        TakeFromView(1);
+        ++m_skipped;
+        ++m_offset;
+        ++m_syncErrors;
+        return -1;
+    }
+    TakeFromView(kQoZolHeaderSize);
+    m_offset += kQoZolHeaderSize;
+    const unsigned rest = record->GetBodySize() + record->GetPadding();
+    if (rest > m_viewSize) {
+        // The record goes on in the next chunk.
+        live.m_bodyRead = 0;
+        live.m_bodyRemaining = record->GetBodySize();
+        live.m_paddingRemaining = record->GetPadding();
+        live.m_phase = QoZolLiveRecord::PhaseBody;
+        return -1;
+    }
+    memcpy(record->GetBody(), m_view, rest);
+    TakeFromView(rest);
+    m_offset += rest;
+    live.m_outOfStep = false;
+    OnRecordComplete();
+    return 1;
+}
+
 bool QoZolReadLiveBase::ReadLiveRecord(QoZolLiveRecord& live) {
     QoZolRecordTag* record = live.m_record;
     if (record == nullptr || !IsOpen())
@@ -18,7 +73,13 @@ bool QoZolReadLiveBase::ReadLiveRecord(QoZolLiveRecord& live) {
     QoZolReadHeader& header = live.m_header;
     for (;;) {
         switch (live.m_phase) {
-        case QoZolLiveRecord::PhaseSync:
+        case QoZolLiveRecord::PhaseSync: {
+            const int direct = ReadFromView(live);
+            if (direct > 0)
+                return true;
+            if (direct < 0)
+                continue;
+        }
             if (!header.ReadBytes(*this, 4))
                 return false;
             if (!MatchSync(header.GetWord0())) {
@@ -88,12 +149,11 @@ bool QoZolReadLiveBase::ReadLiveRecord(QoZolLiveRecord& live) {
 }
 
 unsigned QoZolReadLiveMem::DoRead(void* buffer, unsigned size) {
-    if (size > m_remaining)
-        size = m_remaining;
+    if (size > m_viewSize)
+        size = m_viewSize;
     if (size != 0) {
-        memcpy(buffer, m_data, size);
-        m_data += size;
-        m_remaining -= size;
+        memcpy(buffer, m_view, size);
+        TakeFromView(size);
     }
     return size;
 }

@@ -43,6 +43,21 @@ public:
     // True when a complete record is in live.GetRecord(). Call until it returns false, then feed
     // the next chunk. Bytes that cannot start a record are skipped and counted.
     bool ReadLiveRecord(QoZolLiveRecord& live);
+
+protected:
+    // A source that holds its data in memory exposes it here: records lying whole in the view are
+    // then cut out without going through DoRead byte by byte. Null when there is no such view.
+    const unsigned char* m_view = nullptr;
+    unsigned m_viewSize = 0;
+    void TakeFromView(unsigned n) {
+        m_view += n;
+        m_viewSize -= n;
+    }
+
+private:
+    // The direct path: hunts and decodes straight from the view. Returns 1 for a complete record,
+    // 0 to carry on with the buffered path, -1 to restart the loop.
+    int ReadFromView(QoZolLiveRecord& live);
 };
 
 // Reads from a chunk in memory, which must stay valid while records are read from it.
@@ -52,17 +67,17 @@ public:
 
     // Makes `data` the current chunk (replacing whatever was left of the previous one).
     void SetData(const unsigned char* data, unsigned size) {
-        m_data = data;
-        m_remaining = data != nullptr ? size : 0;
+        m_open = data != nullptr;
+        m_view = data;
+        m_viewSize = m_open ? size : 0;
     }
-    unsigned GetRemaining() const { return m_remaining; }
+    unsigned GetRemaining() const { return m_viewSize; }
 
     unsigned DoRead(void* buffer, unsigned size) override;
     // Forgets the chunk; the reader is closed until the next SetData.
     void Close() override { SetData(nullptr, 0); }
-    bool IsOpen() const override { return m_data != nullptr; }
+    bool IsOpen() const override { return m_open; }
 
 private:
-    const unsigned char* m_data = nullptr;
-    unsigned m_remaining = 0;
+    bool m_open = false;
 };

@@ -21,7 +21,9 @@ void StorePadding(QoZolRecordTag& r) {
 }
 
 QoZolRecordTag* Allocate(unsigned capacity) {
-    void* block = malloc(kBodyOffset + capacity);
+    // Never less than the struct itself, whose tail padding may reach past the header.
+    const size_t size = kBodyOffset + capacity;
+    void* block = malloc(size < sizeof(QoZolRecordTag) ? sizeof(QoZolRecordTag) : size);
     if (block == nullptr)
         return nullptr;
     QoZolRecordTag* record = new (block) QoZolRecordTag;

@@ -40,8 +40,6 @@ TEST(ZvB64, Rfc4648Vectors) {
         EXPECT_EQ(Decoded(v[1], &ok), v[0]);
         EXPECT_TRUE(ok);
     }
-    EXPECT_EQ(Encoded("\x41"), "QQ==");
-    EXPECT_EQ(Encoded("AB"), "QUI=");
     EXPECT_EQ(Encoded(ZvAString("\xfb\xff\0", 3)), "+/8A");
 }
 

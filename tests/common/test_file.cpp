@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -50,38 +49,29 @@ TEST_F(FileTest, WriteSeekAndSizeRoundTrip) {
     // Positions beyond 32 bits.
     ASSERT_TRUE(file.Fseek(5LL << 30, SEEK_SET));
     EXPECT_EQ(file.Ftell(), 5LL << 30);
-    EXPECT_TRUE(file.Flush());
-    EXPECT_FALSE(file.IsError());
     file.Close();
-    EXPECT_EQ(file.GetPath(), "");
     EXPECT_TRUE(ZvFile::GetSize(Path("w").c_str(), size));
     EXPECT_EQ(size, 7);
     EXPECT_FALSE(ZvFile::GetSize(Path("missing").c_str(), size));
 }
 
-TEST(ZvFileClosed, EveryOperationIsHarmless) {
+TEST(ZvFileClosed, ReportsNothingReadableAndNoError) {
     ZvFile file;
-    char buffer[4];
     ZvAString line("x");
-    long long size = -5;
-    EXPECT_EQ(file.Read(buffer, 4), 0u);
     EXPECT_EQ(file.ReadLine(line), nullptr);
     EXPECT_EQ(line, "");
-    EXPECT_EQ(file.Printf("x"), -1);
-    EXPECT_FALSE(file.Flush());
-    EXPECT_FALSE(file.IsError());
-    EXPECT_TRUE(file.IsEof());
+    EXPECT_TRUE(file.IsEof() && !file.IsError());
     EXPECT_FALSE(file.Fseek(0, SEEK_SET));
-    EXPECT_EQ(file.Ftell(), 0);
-    EXPECT_FALSE(file.GetSize(size));
-    EXPECT_FALSE(file.Open("/nonexistent/dir/f", "rb"));
-    file.Close();
+    EXPECT_EQ(file.Printf("x"), -1);
 }
 
 TEST_F(FileTest, CopyAndAppendDifferOnTheSameName) {
     ZvAString a = Write("a", ZvAString(10000, 'a') + ZvAString("\0z", 2));
     EXPECT_TRUE(ZvFile::Copy(a.c_str(), a.c_str(), true));
     EXPECT_FALSE(ZvFile::Append(a.c_str(), a.c_str()));
+    const ZvAString sameFile = m_dir + "/./a";
+    EXPECT_TRUE(ZvFile::Copy(a.c_str(), sameFile.c_str(), false));
+    EXPECT_FALSE(ZvFile::Append(sameFile.c_str(), a.c_str()));
     EXPECT_EQ(Read(a).size(), 10002u); // neither touched the file
 
     ZvAString b = Path("b");
@@ -92,16 +82,6 @@ TEST_F(FileTest, CopyAndAppendDifferOnTheSameName) {
     EXPECT_EQ(Read(b), Read(a) + "tail");
     EXPECT_TRUE(ZvFile::Copy(Path("tail").c_str(), b.c_str(), false)); // overwrites
     EXPECT_EQ(Read(b), "tail");
-    EXPECT_FALSE(ZvFile::Copy(Path("missing").c_str(), b.c_str(), false));
-    EXPECT_EQ(Read(b), "tail");
-}
-
-TEST_F(FileTest, RenameMovesTheFile) {
-    ZvAString from = Write("from", "data"), to = Path("to");
-    EXPECT_TRUE(ZvFile::Rename(from.c_str(), to.c_str()));
-    EXPECT_FALSE(ZvFile::Exists(from.c_str()));
-    EXPECT_EQ(Read(to), "data");
-    EXPECT_FALSE(ZvFile::Rename(from.c_str(), to.c_str()));
 }
 
 TEST_F(FileTest, RenameAcrossFileSystemsCopiesAndRemoves) {
@@ -120,23 +100,15 @@ TEST_F(FileTest, RenameAcrossFileSystemsCopiesAndRemoves) {
     unlink(pattern);
 }
 
-TEST_F(FileTest, AccessChecksAndMakeWriteable) {
+TEST_F(FileTest, MakeWriteableAddsOnlyOwnerReadAndWrite) {
     ZvAString f = Write("f", "x");
-    EXPECT_TRUE(ZvFile::Exists(f.c_str()));
-    EXPECT_FALSE(ZvFile::Exists(""));
-    EXPECT_FALSE(ZvFile::Exists(nullptr));
-    EXPECT_TRUE(ZvFile::IsReadable(f.c_str()));
-    EXPECT_FALSE(ZvFile::IsWriteable(Path("missing").c_str()));
     ASSERT_EQ(chmod(f.c_str(), 0044), 0);
     EXPECT_TRUE(ZvFile::MakeWriteable(f.c_str()));
     struct stat info;
     ASSERT_EQ(stat(f.c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0644u); // other bits kept
-    EXPECT_TRUE(ZvFile::IsWriteable(f.c_str()));
+    EXPECT_EQ(info.st_mode & 0777, 0644u);
     EXPECT_FALSE(ZvFile::MakeWriteable(Path("missing").c_str()));
-    int fd = ZvFile::OpenFd(f.c_str(), O_RDONLY);
-    EXPECT_GE(fd, 0);
-    close(fd);
+    EXPECT_FALSE(ZvFile::Exists(""));
 }
 
 } // namespace

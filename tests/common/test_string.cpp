@@ -1,34 +1,29 @@
 #include <gtest/gtest.h>
 
+#include <cstring>
+#include <tuple>
+
 #include "scratch_dir.h"
 #include "zv-string-ascii.h"
 #include "zv-string-list-ascii.h"
 
 namespace {
 
-struct NameValueCase {
-    const char* text;
-    bool removeQuotes;
-    bool found;
-    const char* name;
-    const char* value;
-};
-
 TEST(ZvAString, NameAndValueSplitAtLastEqualsTrimmedAndUnquoted) {
-    const NameValueCase cases[] = {
-        {"  key =  'v'  ", true, true, "key", "v"},
-        {"a=b=c", false, true, "a=b", "c"},
-        {"k=", true, true, "k", ""},
-        {"novalue", true, false, "", ""},
-        {"k = '\"x\"'", true, true, "k", "x"},
-        {"k = '\"x\"'", false, true, "k", "'\"x\"'"},
+    const std::tuple<const char*, bool, const char*> cases[] = {
+        // text, remove quotes, "name|value" ("|" when there is no equals sign)
+        {"  key =  'v'  ", true, "key|v"},
+        {"a=b=c", false, "a=b|c"},
+        {"k=", true, "k|"},
+        {"novalue", true, "|"},
+        {"k = '\"x\"'", true, "k|x"},
+        {"k = '\"x\"'", false, "k|'\"x\"'"},
     };
-    for (const NameValueCase& c : cases) {
+    for (auto& [text, removeQuotes, expected] : cases) {
         ZvAString name("stale"), value("stale");
-        EXPECT_EQ(ZvAString(c.text).GetNameAndValue(&name, &value, c.removeQuotes), c.found)
-            << c.text;
-        EXPECT_EQ(name, c.name) << c.text;
-        EXPECT_EQ(value, c.value) << c.text;
+        bool found = ZvAString(text).GetNameAndValue(&name, &value, removeQuotes);
+        EXPECT_EQ(found, strcmp(expected, "|") != 0) << text;
+        EXPECT_EQ(name + "|" + value, expected) << text;
     }
 }
 
@@ -54,15 +49,14 @@ TEST(ZvAString, PrefixAndSuffixMatching) {
     EXPECT_TRUE(s.StartsWith("AT+", &after));
     EXPECT_EQ(after, s.c_str() + 3); // points into the string itself
     EXPECT_TRUE(s.StartsWith("", &after));
-    EXPECT_FALSE(s.StartsWith("at+", rest));
-    EXPECT_FALSE(s.StartsWith("AT+CRASH?!", rest));
+    EXPECT_FALSE(s.StartsWith("at+", rest) || s.StartsWith("AT+CRASH?!", rest));
     EXPECT_EQ(rest, "untouched");
     EXPECT_TRUE(s.StartsWith("AT+CRASH?", rest));
     EXPECT_EQ(rest, "");
 
     ZvAString head("untouched");
-    EXPECT_FALSE(ZvAString("abc").EndsWith("long suffix", &head));
-    EXPECT_FALSE(ZvAString("abc").EndsWith("bC", &head));
+    EXPECT_FALSE(ZvAString("abc").EndsWith("long suffix", &head) ||
+                 ZvAString("abc").EndsWith("bC", &head));
     EXPECT_EQ(head, "untouched");
     EXPECT_TRUE(ZvAString("file.zom").EndsWith(".zom", &head));
     EXPECT_EQ(head, "file");
@@ -89,21 +83,15 @@ TEST(ZvAString, ReplaceNeverRescansInsertedText) {
     s = "a\\b\\\\c";
     s.Replace("\\", "/");
     EXPECT_EQ(s, "a/b//c");
-    s = "xyx";
-    s.Replace("x", "");
-    EXPECT_EQ(s, "y");
-    s.Replace("", "z"); // an empty pattern changes nothing
-    EXPECT_EQ(s, "y");
+    s.Replace("/", ""); // an empty replacement deletes
+    EXPECT_EQ(s, "abc");
 }
 
 TEST(ZvAString, CaseInsensitiveSearch) {
     ZvAString s("Crash Info: crash");
-    EXPECT_EQ(s.IndexI("CRASH"), 0u);
     EXPECT_EQ(s.IndexI("CRASH", 1), 12u);
     EXPECT_EQ(s.IndexI("dump"), ZvAString::npos);
     EXPECT_EQ(s.FindI("info"), s.c_str() + 6);
-    EXPECT_EQ(s.FindI("crash", 13), nullptr);
-    EXPECT_EQ(ZvAString("MiXeD").ToLower(), "mixed");
 }
 
 using StringFiles = ScratchDir;
@@ -115,54 +103,49 @@ TEST_F(StringFiles, BinaryRoundTripKeepsEveryByte) {
     EXPECT_EQ(loaded, bytes);
     EXPECT_FALSE(loaded.LoadFromFile(Path("missing").c_str()));
     EXPECT_EQ(loaded, bytes); // unchanged on failure
-    EXPECT_FALSE(bytes.SaveToFile(Path("no/such/dir").c_str()));
+}
+
+// "[a][][b]" for the list a, "", b.
+std::string Bracketed(const ZvAStringList& list) {
+    std::string text;
+    for (unsigned i = 0; i < list.Count(); ++i)
+        text += "[" + list[i] + "]";
+    return text;
 }
 
 TEST(ZvAStringList, SetDelimitedKeepsEmptyPieces) {
-    const std::pair<const char*, std::vector<std::string>> cases[] = {
-        {"a,,b", {"a", "", "b"}},  {"a,", {"a", ""}}, {",", {"", ""}}, {"", {}},
-        {" a , b", {" a ", " b"}},
-    };
+    const char* cases[][2] = {
+        {"a,,b", "[a][][b]"}, {"a,", "[a][]"}, {",", "[][]"}, {"", ""}, {" a , b", "[ a ][ b]"}};
     ZvAStringList list;
     for (auto& c : cases) {
         list.Add("previous");
-        list.SetDelimited(c.first, ',');
-        ASSERT_EQ(list.Count(), c.second.size()) << c.first;
-        for (unsigned i = 0; i < list.Count(); ++i)
-            EXPECT_EQ(list[i], c.second[i]) << c.first;
+        list.SetDelimited(c[0], ',');
+        EXPECT_EQ(Bracketed(list), c[1]);
     }
     EXPECT_EQ(list[7], "ZvStringList index error.");
-}
-
-TEST(ZvAStringList, TrimThenRemoveEmptyLines) {
-    ZvAStringList list;
     list.SetDelimited(" a ,,\t,b", ',');
-    list.RemoveEmptyLines();
-    EXPECT_EQ(list.Count(), 3u); // the blank line survives until trimmed
+    list.RemoveEmptyLines(); // the blank line goes only once trimmed
+    EXPECT_EQ(Bracketed(list), "[ a ][\t][b]");
     list.TrimAll();
     list.RemoveEmptyLines();
-    ASSERT_EQ(list.Count(), 2u);
-    EXPECT_EQ(list[0], "a");
-    EXPECT_EQ(list[1], "b");
+    EXPECT_EQ(Bracketed(list), "[a][b]");
 }
 
 using StringListFiles = ScratchDir;
 
 TEST_F(StringListFiles, LineEndingsSplitAsDocumented) {
-    const std::pair<ZvAString, std::vector<std::string>> cases[] = {
-        {"x\r\ny\n\nz", {"x", "y", "", "z"}},
-        {"a\rb\n", {"a", "b"}},
-        {"a\n\rb", {"a", "", "b"}}, // LF CR starts an empty line
-        {"a\r\n\r\n", {"a", ""}},
-        {ZvAString("a\nb\0c\nd", 7), {"a", "b"}}, // nothing after a NUL
-        {"", {}},
+    const std::pair<ZvAString, const char*> cases[] = {
+        {"x\r\ny\n\nz", "[x][y][][z]"},
+        {"a\rb\n", "[a][b]"},
+        {"a\n\rb", "[a][][b]"}, // LF CR starts an empty line
+        {"a\r\n\r\n", "[a][]"},
+        {ZvAString("a\nb\0c\nd", 7), "[a][b]"}, // nothing after a NUL
+        {"", ""},
     };
     for (auto& c : cases) {
         ZvAStringList list;
         EXPECT_TRUE(list.LoadFromFile(Write("lines", c.first)));
-        ASSERT_EQ(list.Count(), c.second.size());
-        for (unsigned i = 0; i < list.Count(); ++i)
-            EXPECT_EQ(list[i], c.second[i]);
+        EXPECT_EQ(Bracketed(list), c.second);
     }
 }
 
@@ -174,8 +157,7 @@ TEST_F(StringListFiles, SaveAppendAndLoadRoundTrip) {
     EXPECT_EQ(Read(Path("l")), "one\n\nthree\none\n\nthree\n");
     loaded.Add("dropped");
     ASSERT_TRUE(loaded.LoadFromFile(Path("l")));
-    ASSERT_EQ(loaded.Count(), 6u);
-    EXPECT_EQ(loaded[5], "three");
+    EXPECT_EQ(Bracketed(loaded), "[one][][three][one][][three]");
     EXPECT_TRUE(loaded.AppendFromFile(Path("l")));
     EXPECT_EQ(loaded.Count(), 12u);
 }
@@ -184,9 +166,7 @@ TEST_F(StringListFiles, MissingFileLeavesOneExplanatoryLine) {
     ZvAStringList list;
     list.Add("kept?");
     EXPECT_FALSE(list.AppendFromFile(Path("missing")));
-    ASSERT_EQ(list.Count(), 1u);
-    EXPECT_EQ(list[0], "Could not open file");
-    EXPECT_FALSE(list.SaveToFile(Path("no/dir").c_str()));
+    EXPECT_EQ(Bracketed(list), "[Could not open file]");
 }
 
 } // namespace

@@ -10,28 +10,17 @@
 
 namespace {
 
-// Sets the time zone (a POSIX TZ text needing no zone database) and restores it afterwards.
-class ScopedTz {
-public:
-    explicit ScopedTz(const char* zone) {
-        const char* old = getenv("TZ");
-        m_hadOld = old != nullptr;
-        if (m_hadOld)
-            m_old = old;
+// Sets the time zone (a POSIX TZ text needing no zone database) until the end of the scope.
+struct ScopedTz {
+    explicit ScopedTz(const char* zone) : old(getenv("TZ") ? getenv("TZ") : "") {
         setenv("TZ", zone, 1);
         tzset();
     }
     ~ScopedTz() {
-        if (m_hadOld)
-            setenv("TZ", m_old.c_str(), 1);
-        else
-            unsetenv("TZ");
+        setenv("TZ", old.c_str(), 1);
         tzset();
     }
-
-private:
-    bool m_hadOld = false;
-    std::string m_old;
+    std::string old;
 };
 
 constexpr long long kAug15At140509Utc = 1376575509LL * 1000000;
@@ -122,15 +111,6 @@ TEST(ZvVer, VersionTexts) {
     ZvVer(1, 8).GetFullVersionString(text);
     EXPECT_THAT(text, ::testing::MatchesRegex("Version 1\\.8\\.[0-9]{4,5} \\([A-Z][a-z]{2} [ 0-9]"
                                               "[0-9] [0-9]{4}\\)"));
-}
-
-TEST(ZvVer, StripExtraSpacesCollapsesOnlySpaces) {
-    const char* cases[][2] = {{"a   b  c", "a b c"}, {"   a", " a"}, {"a\t\tb ", "a\t\tb "}};
-    for (auto& c : cases) {
-        ZvAString s(c[0]);
-        ZvVer::StripExtraSpaces(s);
-        EXPECT_EQ(s, c[1]);
-    }
 }
 
 } // namespace

@@ -1,0 +1,131 @@
+// The device model on hand-made records: entry dumps, base names and filter masks. Grouping and
+// display names are checked on detected devices (detect_udev_test).
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "zv-device-detect.h"
+
+namespace {
+
+ZvAString DumpText(const ZvInterfaceInfo& info, const char* prefix) {
+    char* buffer = nullptr;
+    size_t size = 0;
+    FILE* out = open_memstream(&buffer, &size);
+    info.Dump(out, prefix);
+    fclose(out);
+    ZvAString text(buffer, size);
+    free(buffer);
+    return text;
+}
+
+// Records keyed by one letter: type, function and USB details as given, vid and pid "v" and "p".
+class Model : public ::testing::Test {
+protected:
+    ZvInterfaceInfo* Add(const char* key, int type, int function, bool usb = true,
+                         const char* friendly = "") {
+        ZvInterfaceInfo* info = store.FindOrAdd(key);
+        info->type = static_cast<ZvInterfaceTypeTag>(type);
+        info->function = static_cast<ZvInterfaceFunctionTag>(function);
+        info->usbDetails = usb;
+        info->vid = usb ? "v" : "";
+        info->pid = usb ? "p" : "";
+        info->friendlyName = friendly;
+        list.push_back(info);
+        return info;
+    }
+    // The keys of the records the mask keeps, in order.
+    ZvAString Kept(unsigned mask) {
+        ZvInterfaceList copy = list;
+        unsigned count = ZvInterfaceTree::FilterInterfaceList(copy, mask);
+        ZvAString keys;
+        for (const ZvInterfaceInfo* info : copy)
+            keys += info->uniqueId;
+        EXPECT_EQ(count, keys.size());
+        return keys;
+    }
+
+    ZvInterfaceStore store;
+    ZvInterfaceList list;
+};
+
+} // namespace
+
+TEST_F(Model, EntryDumpPadsTagsAndShowsTheRestOfTheName) {
+    ZvInterfaceInfo* info =
+        Add("a", ZvInterfaceTypeSerial, ZvInterfaceFunctionAt, true, "Zavra Modem  AT Port");
+    info->mi = "02";
+    info->portName = "/x";
+    EXPECT_EQ(DumpText(*info, "Zavra Modem"),
+              "SERIAL  AT      VID: v PID: p MI: 02 AT Port /x   \n");
+    EXPECT_EQ(DumpText(*info, "Other"),
+              "SERIAL  AT      VID: v PID: p MI: 02 Zavra Modem  AT Port /x   \n");
+    info->type = static_cast<ZvInterfaceTypeTag>(6);
+    info->function = static_cast<ZvInterfaceFunctionTag>(7);
+    info->usbDetails = false;
+    EXPECT_EQ(DumpText(*info, ""), "UNKNOWN UNKNOWN Zavra Modem  AT Port \n");
+    EXPECT_STREQ(ZvInterfaceTypeText(ZvInterfaceTypeWinUsb), "WINUSB  ");
+    EXPECT_STREQ(ZvInterfaceFunctionText(ZvInterfaceFunctionDiag1), "DIAG 1  ");
+}
+
+TEST_F(Model, BaseNameIsTheTrimmedCommonPrefixOfNonEmptyNames) {
+    EXPECT_EQ(ZvDeviceInfo::CompareNames("modem", "Modem"), 0u);
+    ZvDeviceInfo device;
+    device.interfaces.push_back(Add("a", 1, 0, true, "Zavra Modem AT"));
+    device.SetName();
+    EXPECT_EQ(device.baseName, ""); // fewer than two interfaces
+    device.interfaces.push_back(Add("b", 1, 0, true, ""));
+    device.interfaces.push_back(Add("c", 3, 6, true, "Zavra Modem Net"));
+    device.SetName();
+    EXPECT_EQ(device.baseName, "Zavra Modem");
+    list[0]->friendlyName = "Zavra";
+    device.SetName();
+    EXPECT_EQ(device.baseName, "Zavra");
+    list[2]->friendlyName = "Other";
+    device.SetName();
+    EXPECT_EQ(device.baseName, "");
+    list[0]->friendlyName = "";
+    list[2]->friendlyName = " Solo\t";
+    device.SetName();
+    EXPECT_EQ(device.baseName, "Solo");
+}
+
+TEST_F(Model, FilterMasksSelectByFunctionByTypeOrBoth) {
+    Add("n", 1, 0, false);
+    Add("u", 1, 0);
+    Add("m", 1, 1);
+    Add("a", 1, 2);
+    Add("d", 1, 3);
+    Add("0", 1, 4);
+    Add("1", 2, 5);
+    Add("t", 3, 6);
+    Add("w", 5, 7);
+    Add("x", 6, 0);
+    Add("z", 0, 0);
+    EXPECT_EQ(Kept(0), "numad01twxz");
+    EXPECT_EQ(Kept(ZvFilterFunctionUnknown), "nuxz");
+    EXPECT_EQ(Kept(ZvFilterFunctionModem | ZvFilterFunctionAt), "ma");
+    EXPECT_EQ(Kept(ZvFilterFunctionDiag), "d01");
+    EXPECT_EQ(Kept(ZvFilterFunctionNet), "t");
+    EXPECT_EQ(Kept(1u << 5), "");
+    EXPECT_EQ(Kept(ZvFilterTypeSerial), "numad0");
+    EXPECT_EQ(Kept(ZvFilterTypeUnknown | ZvFilterTypeWinUsb), "wz");
+    EXPECT_EQ(Kept(1u << 22), "");
+    EXPECT_EQ(Kept(ZvFilterTypeSerial | ZvFilterFunctionDiag), "d0");
+    EXPECT_EQ(Kept(0xffffffffu), "numad01tz");
+}
+
+TEST_F(Model, TreeFilterCountsBothListsDropsEmptiedDevicesAndSparesTheOriginal) {
+    ZvInterfaceTree tree;
+    tree.devices.AddFindDevice("serial")->interfaces = {Add("s", 1, 0), Add("r", 1, 0)};
+    tree.devices.AddFindDevice("net")->interfaces = {Add("t", 3, 6)};
+    tree.orphans = {Add("o", 1, 0, false)};
+    ZvInterfaceTree copy;
+    tree.Get(copy);
+    EXPECT_EQ(copy.Filter(ZvFilterTypeNet), 1u);
+    EXPECT_EQ(copy.devices.Count(), 1u);
+    EXPECT_TRUE(copy.orphans.empty());
+    EXPECT_EQ(tree.Filter(ZvFilterTypeSerial), 3u);
+    EXPECT_EQ(tree.devices.FindDevice(0u)->shortId, "serial");
+    EXPECT_EQ(tree.devices.Count(), 1u);
+}
