@@ -1,13 +1,6 @@
 // zavra_log_serial: captures a modem's merged log stream from a serial port.
-#include <cstdio>
+#include "zavra_log_serial_app.h"
 
-#include "zv-string-ascii.h"
-#include "zv-ver.h"
-
-int main() {
-    ZvVer version(1, 8);
-    ZvAString text;
-    version.GetFullVersionString(text);
-    fprintf(stderr, "zavra_log_serial, %s\n", text.c_str());
-    return 0;
+int main(int argc, char** argv) {
+    return ZlbsApp().Run(argc, argv);
 }

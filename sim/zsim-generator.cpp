@@ -28,7 +28,7 @@ Generator::Generator(const GeneratorOptions& options, const MessageIds& ids)
         options_.minBody = options_.maxBody;
     }
     if (!options_.playFile.empty()) {
-        play_ = std::fopen(options_.playFile.c_str(), "rb");
+        play_ = std::fopen(options_.playFile.c_str(), "rbe");
         playFailed_ = play_ == nullptr;
     }
 }

@@ -34,7 +34,7 @@ FILE* OpenOutput(const std::string& path, std::string& error) {
     if (path.empty()) {
         return nullptr;
     }
-    FILE* file = std::fopen(path.c_str(), "wb");
+    FILE* file = std::fopen(path.c_str(), "wbe");
     if (!file) {
         error = "Failed to open '" + path + "'.";
     } else {

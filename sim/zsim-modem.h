@@ -113,6 +113,7 @@ struct ModemCounters {
     uint64_t dbBytes = 0;     // of these, database confirms and what is interleaved with them
     uint64_t discarded = 0;   // bytes the host never read, collected at hang-ups and Stop
     uint64_t delivered = 0;   // sent - discarded - still unread: what the host has read
+                              // (bytes the host flushes itself when opening are not seen)
     uint64_t records = 0;     // whole generated records
     uint64_t recordsByLayoutKor[3][3] = {}; // [layout A=0, B=1, C=2][kor]
     uint64_t garbageBytes = 0;
@@ -137,8 +138,9 @@ public:
 
     // Creates the port and starts serving it. False with Error() on failure.
     bool Start(const ModemOptions& options);
-    // Stops sending, drains (up to drainTimeoutMs), collects what is left unread, hangs up,
-    // removes the link and flushes the files. Safe to call twice.
+    // Stops sending, drains (up to drainTimeoutMs; at once when nobody has the port open),
+    // collects what is left unread, hangs up, removes the link and flushes the files. A host
+    // still attached sees a port failure. Safe to call twice; snapshots stay readable after.
     void Stop();
     const std::string& Error() const { return error_; }
 
@@ -178,7 +180,8 @@ public:
     bool WaitForConnection(unsigned connection, unsigned timeoutMs) const; // port came back n times
     bool WaitForGeneratorDone(unsigned timeoutMs) const;
     bool WaitForDrained(unsigned timeoutMs) const; // host has read all bytes sent so far
-    // Generic form: the predicate sees a counters snapshot; re-checked on every change.
+    // Generic form: the predicate sees a counters snapshot; re-checked on every change. It runs
+    // under the modem's lock, so it must not call the modem.
     bool WaitUntil(const std::function<bool(const ModemCounters&)>& predicate,
                    unsigned timeoutMs) const;
 

@@ -32,7 +32,7 @@ PtyPort::~PtyPort() {
 bool PtyPort::Open(const std::string& linkPath, std::string* error) {
     HangUp();
     link_ = linkPath;
-    int master = posix_openpt(O_RDWR | O_NOCTTY);
+    int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (master < 0) {
         SetError(error, "Failed to create a pseudo-terminal");
         return false;
@@ -44,7 +44,7 @@ bool PtyPort::Open(const std::string& linkPath, std::string* error) {
         return false;
     }
     // Our own slave descriptor keeps the slave side alive and lets us count unread bytes.
-    int slave = open(name, O_RDWR | O_NOCTTY | O_NONBLOCK);
+    int slave = open(name, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (slave < 0) {
         SetError(error, "Failed to open the pseudo-terminal slave");
         close(master);

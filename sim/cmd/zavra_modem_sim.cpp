@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <getopt.h>
+#include <poll.h>
 #include <string>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 namespace {
@@ -285,9 +287,18 @@ int main(int argc, char** argv) {
     std::printf("%s\n", modem.PortPath().c_str());
     std::fflush(stdout);
 
+    int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
+    if (signalFd < 0) {
+        modem.Stop();
+        return Fail("Failed to watch for signals (%s).", std::strerror(errno));
+    }
     for (;;) {
-        timespec wait{0, 500 * 1000 * 1000};
-        int sig = sigtimedwait(&signals, nullptr, &wait);
+        pollfd pfd{signalFd, POLLIN, 0};
+        int sig = 0;
+        signalfd_siginfo info;
+        if (poll(&pfd, 1, 500) > 0 && read(signalFd, &info, sizeof info) == sizeof info) {
+            sig = static_cast<int>(info.ssi_signo);
+        }
         if (sig == SIGINT || sig == SIGTERM) {
             break;
         }
@@ -299,6 +310,7 @@ int main(int argc, char** argv) {
             PrintProgress(modem.Counters(), false);
         }
     }
+    close(signalFd);
     modem.Stop();
     if (!quiet) {
         PrintProgress(modem.Counters(), true);

@@ -222,3 +222,84 @@ TEST_F(SimModemTest, ToolLikeHostCapturesExactlyAPrefixOfTheTee) {
     EXPECT_GT(counters.garbageBytes, 0u);
     EXPECT_GT(counters.truncatedRecords, 0u);
 }
+
+TEST_F(SimModemTest, DatabaseFaultsShapeTheConfirms) {
+    options.db.zxFile = dir.path + "/target.zx";
+    std::ofstream(options.db.zxFile, std::ios::binary) << std::string(100, 'x');
+    options.db.chunkSize = 64;
+    options.db.faultBytes = 3;
+    ASSERT_TRUE(modem.Start(options)) << modem.Error();
+    SimHost host(modem.PortPath());
+    struct Case {
+        DbFault fault;
+        uint32_t hashStatus, announced, dataStatus;
+        size_t dataBytes;
+    };
+    for (Case c :
+         {Case{DbFault::HashStatus, 1, 100, 0, 100}, Case{DbFault::Oversize, 0, 2097153, 0, 100},
+          Case{DbFault::ShortData, 0, 100, 0, 97}, Case{DbFault::TooMuchData, 0, 100, 0, 103},
+          Case{DbFault::DataStatus, 0, 100, 1, 100}}) {
+        SCOPED_TRACE(DbFaultName(c.fault));
+        modem.SetDbFault(c.fault);
+        host.Send(Request(0x3C));
+        host.Send(Request(0x3E));
+        std::vector<WireRecord> records = ReadRecords(host, 3);
+        ASSERT_EQ(records.size(), 3u);
+        EXPECT_EQ(GetU32(records[0].Body()), c.hashStatus);
+        EXPECT_EQ(GetU32(records[0].Body() + 8), c.announced);
+        EXPECT_EQ(GetU32(records[1].Body()), c.dataStatus);
+        EXPECT_EQ(GetU32(records[2].Body() + 4), 0u); // the last one
+        EXPECT_EQ(records[1].BodySize() + records[2].BodySize() - 16, c.dataBytes);
+    }
+    modem.SetDbFault(DbFault::SilenceData);
+    host.Send(Request(0x3C));
+    host.Send(Request(0x3E));
+    EXPECT_EQ(ReadRecords(host, 2).size(), 1u);
+}
+
+TEST_F(SimModemTest, PlaysAFileOnceAndKeepsToTheRate) {
+    Bytes file(60000);
+    for (size_t i = 0; i < file.size(); ++i) {
+        file[i] = static_cast<uint8_t>(i * 13);
+    }
+    options.gen.playFile = dir.path + "/play.bin";
+    std::ofstream(options.gen.playFile, std::ios::binary)
+        .write(reinterpret_cast<const char*>(file.data()),
+               static_cast<std::streamsize>(file.size()));
+    options.gen.bytesPerSecond = 100000;
+    ASSERT_TRUE(modem.Start(options)) << modem.Error();
+    SimHost host(modem.PortPath());
+    host.Send(OpenChannel(0));
+    auto start = std::chrono::steady_clock::now();
+    Bytes got = host.Read(file.size(), 2000);
+    double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_TRUE(modem.WaitForGeneratorDone(1000));
+    modem.Stop();
+    EXPECT_EQ(got, file);
+    EXPECT_EQ(ReadFile(options.teeFile), file);
+    EXPECT_GT(seconds, 0.45); // 60000 bytes at 100000 per second, less the first burst
+}
+
+TEST_F(SimModemTest, FailsAfterAPauseAndStaysAwayWhenTold) {
+    options.fail.afterMs = 100;
+    options.fail.comeBack = false;
+    options.transcriptFile = dir.path + "/host.jsonl";
+    ASSERT_TRUE(modem.Start(options)) << modem.Error();
+    {
+        SimHost host(modem.PortPath());
+        host.Send(EncodeRecord(Layout::A, 1, 0x36, 0, Bytes{}));
+        ASSERT_TRUE(modem.WaitForRecords(1, 2000));
+    }
+    ASSERT_TRUE(modem.WaitForPortUp(false, 2000));
+    EXPECT_FALSE(modem.WaitForPortUp(true, 300));
+    EXPECT_LT(open(modem.PortPath().c_str(), O_RDWR | O_NOCTTY), 0);
+    modem.Stop();
+    std::ifstream in(options.transcriptFile);
+    std::string line;
+    ASSERT_TRUE(std::getline(in, line));
+    EXPECT_NE(line.find("\"conn\":0,\"offset\":0,\"id\":54,\"kor\":1,\"layout\":\"A\",\"time\":0,"
+                        "\"size\":12,\"hex\":\"7f807f800000000003003680\"}"),
+              std::string::npos)
+        << line;
+}

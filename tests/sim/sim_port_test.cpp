@@ -5,6 +5,8 @@
 #include "sim_host.h"
 
 #include <climits>
+#include <csignal>
+#include <sys/wait.h>
 #include <thread>
 
 using namespace zsim;
@@ -78,4 +80,27 @@ TEST(SimPort, UnreadBytesAreCountedWhenNobodyReads) {
     ASSERT_EQ(write(port.MasterFd(), sent.data(), sent.size()), 1000);
     EXPECT_FALSE(port.Drain(2000)); // nobody has the port open: gives up early
     EXPECT_EQ(port.HangUp(), 1000u);
+}
+
+// The tool under test is a child process of the test: it must not inherit the modem's ends of
+// the pty, or closing the master would no longer hang the port up.
+TEST(SimPort, ChildProcessesDoNotHoldThePortOpen) {
+    SimTempDir dir;
+    PtyPort port;
+    ASSERT_TRUE(port.Open(dir.path + "/port"));
+    pid_t child = fork();
+    if (child == 0) {
+        execlp("sleep", "sleep", "5", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    ASSERT_GT(child, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // let it exec
+    EXPECT_FALSE(port.HostHasOpen());
+    SimHost host(port.LinkPath());
+    port.HangUp();
+    bool hungUp = false;
+    host.Read(1, 1000, &hungUp);
+    EXPECT_TRUE(hungUp);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
 }

@@ -1,0 +1,175 @@
+// Start-up of a run, the choice of mode, and the wait loop that decides when the run ends.
+#include "zavra_log_serial_app.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include "zavra_log_serial_daemon.h"
+#include "zavra_log_serial_tgt_db.h"
+#include "zv-file-util.h"
+#include "zv-time.h"
+
+int exitCode = 0;
+
+namespace {
+const unsigned kLoopWaitMs = 200;
+const unsigned kWaitsPerPass = 5;
+const unsigned kScriptSyncWord = 0x807F807Fu;
+} // namespace
+
+Zlbs& ZlbsApp() {
+    // Made once and never destroyed: threads still running while the process exits may use it.
+    static Zlbs* app = new Zlbs;
+    return *app;
+}
+
+Zlbs::Zlbs() : version(1, 8), rxNormal(endOfRun, socketStream), sender(serial), logger("") {}
+
+int Zlbs::Run(int argc, char** argv) {
+    ZvLog::SetLogger(&logger);
+    endOfRun.Create(0);
+    args.Clear();
+    ZlbsParseArguments(argc, argv, args, sender, detect);
+
+    if (args.daemonMode)
+        args.filenameRoot.clear();
+    statsOn = noisiness > 1 && !args.daemonMode && args.databaseFile.empty();
+    lastSendTick = ZvTime::GetMsTickTime();
+    ZlbsInstallSignalHandling();
+
+    if (!args.scriptFile.empty())
+        OpenScript();
+
+    if (args.portConfigOnly) {
+        StartPortCheck();
+        exiting = true;
+        exitFinished = true;
+        return exitCode;
+    }
+    if (!args.databaseFile.empty()) {
+        ZlbsTgtDbStart(*this);
+        if (noisiness > 4)
+            ZvLog::Status("Opening serial port.");
+        if (!ZlsOpenPort())
+            error(ZLBS_ERROR_PORT, serial.GetLastError(), "%s", lastPortError.c_str());
+        ZlsInitialiseTarget();
+    } else if (args.daemonMode) {
+        ZlbsDaemonStart(*this);
+    } else {
+        StartCapture();
+    }
+    return WaitLoop();
+}
+
+void Zlbs::OpenScript() {
+    scriptSync.Add(kScriptSyncWord, 0xFFFFFFFFu);
+    scriptReader.SetSyncCheck(&scriptSync);
+    if (!scriptReader.OpenRead(args.scriptFile.c_str()))
+        error(ZLBS_ERROR_FILE, errno, "Failed to open script file '%s'", args.scriptFile.c_str());
+    scriptRecord = QoZolRecordTag::Create(kScriptRecordSize, kScriptSyncWord);
+    if (scriptRecord == nullptr)
+        error(ZLBS_ERROR_MEMORY, 0,
+              "Failed to allocate buffer (%d bytes) for reading from ZOS file.",
+              static_cast<int>(kScriptRecordSize));
+}
+
+void Zlbs::StartPortCheck() {
+    serial.SetRxHandler(&rxNormal);
+    if (!ZlsOpenPort())
+        error(ZLBS_ERROR_PORT, serial.GetLastError(), "%s", lastPortError.c_str());
+    ZlsClosePort();
+}
+
+void Zlbs::StartCapture() {
+    if (args.socketServer) {
+        if (noisiness > 4)
+            ZvLog::Status("Opening socket server.");
+        int server = -1;
+        if (!ZvSocket::OpenSocketServer(static_cast<int>(args.socketPort), server,
+                                        ZlsSocketStream::kReceiveBufferSize,
+                                        ZlsSocketStream::kSendBufferSize)) {
+            ZvSocket::CloseSocketServer(server);
+            error(ZLBS_ERROR_SOCKET, 0, "Failed to open server socket for connections.");
+        }
+        if (noisiness > 4)
+            ZvLog::Status("Waiting for socket client connection.");
+        if (!socketStream.OpenSocket(server, static_cast<int>(args.socketPort),
+                                     ZlbsDownStreamSocketInputCallback)) {
+            ZvSocket::CloseSocketServer(server);
+            error(ZLBS_ERROR_SOCKET, 0, "%s", socketStream.ErrorText().c_str());
+        }
+        if (noisiness > 4)
+            ZvLog::Status("Socket client connected.");
+        ZvSocket::CloseSocketServer(server);
+    }
+    serial.SetRxHandler(&rxNormal);
+    // Without a file name the stream only goes to the socket client.
+    if (!args.filenameRoot.empty() && !rxNormal.OpenFile(args.filenameRoot.c_str()))
+        error(ZLBS_ERROR_FILE, errno, "Failed to open output ZOM.");
+    if (noisiness > 4)
+        ZvLog::Status("Opening serial port.");
+    if (!ZlsOpenPort())
+        error(ZLBS_ERROR_PORT, serial.GetLastError(), "%s", lastPortError.c_str());
+    ZlsInitialiseTarget();
+}
+
+int Zlbs::WaitLoop() {
+    const unsigned start = ZvTime::GetMsTickTime();
+    for (;;) {
+        if (exiting) {
+            // OnExit is running on another thread and ends the process itself.
+            for (;;)
+                ZvTime::Sleep(100);
+        }
+        if (statsOn)
+            OutputStats();
+        for (unsigned i = 0; i < kWaitsPerPass; ++i) {
+            if (endOfRun.Wait(kLoopWaitMs)) {
+                HandlePortFailure();
+                break;
+            }
+            if (exiting)
+                break;
+            if (ZlbsTgtDbActive(*this)) {
+                ZvAString text;
+                int progress = ZlbsTgtDbCheckProgress(*this, text);
+                if (progress == 1) {
+                    ZvLog::Error("%s",
+                                 text.empty() ? "Target database extraction error." : text.c_str());
+                    OnExit(51);
+                }
+                if (progress == 2) {
+                    if (noisiness > 1)
+                        ZvLog::Status("Target database extraction complete.");
+                    OnExit(0);
+                }
+            } else if (args.timeLimitMs > 0 && !args.daemonMode &&
+                       ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()) >=
+                           static_cast<unsigned>(args.timeLimitMs)) {
+                OnExit(0);
+            }
+        }
+    }
+}
+
+void Zlbs::HandlePortFailure() {
+    if (exiting)
+        return;
+    serial.OnClose();
+    // The target crash check over the AT interface found at initialisation comes here, with
+    // files named after CrashFileBaseName().
+    if (args.daemonMode && !args.exitOnPortFailure) {
+        ZlbsDaemonPortFailed(*this);
+        return;
+    }
+    OnExit(50);
+}
+
+void Zlbs::CrashFileBaseName(ZvAString& name) {
+    if (args.daemonMode) {
+        ZlbsDaemonCrashFileName(*this, name);
+    } else {
+        name = args.filenameRoot;
+        ZvFileUtil::StripExt(name);
+    }
+}

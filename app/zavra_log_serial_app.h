@@ -1,0 +1,98 @@
+// Zlbs: the single application object that holds the whole run of zavra_log_serial, and the
+// free functions through which the modes open, close and initialise the target's port.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "quzol-read-file.h"
+#include "zavra_log_common.h"
+#include "zavra_log_serial_args.h"
+#include "zavra_log_serial_rx.h"
+#include "zavra_log_serial_socket.h"
+#include "zv-device-detect.h"
+#include "zv-itf-serial.h"
+#include "zv-log.h"
+#include "zv-sema.h"
+#include "zv-ver.h"
+
+// The control messages leave through the one serial interface.
+class ZlbsSendMessages : public ZluSendMessages {
+public:
+    explicit ZlbsSendMessages(ZvItfAsyncSerial& serial) : m_serial(serial) {}
+    void SendMsg(unsigned kor, unsigned char* data, unsigned size) override;
+
+private:
+    ZvItfAsyncSerial& m_serial;
+};
+
+class Zlbs {
+public:
+    // The record buffer for the script: the largest record body the reader accepts.
+    static const unsigned kScriptRecordSize = 20480;
+    static const unsigned kExitDrainMs = 600;
+    static const unsigned kCloseChannelWaitMs = 300;
+
+    Zlbs();
+    Zlbs(const Zlbs&) = delete;
+    Zlbs& operator=(const Zlbs&) = delete;
+
+    // The whole run: start-up, then the wait loop. Returns only from the port-check mode.
+    int Run(int argc, char** argv);
+    // Ends the run: drain, close the log channel, close everything, exit. Never returns; a
+    // second caller (a signal during the drain) waits for the first to finish.
+    [[noreturn]] void OnExit(int code);
+    void OutputStats();
+
+    ZvVer version;
+    ZlbsArgData args;
+    ZlsSocketStream socketStream;
+    ZvItfAsyncSerial serial;
+    ZlbsRxNormal rxNormal;
+
+    QoZolSyncCheck scriptSync;
+    QoZolReadFile scriptReader;
+    QoZolRecordTag* scriptRecord = nullptr;
+
+    std::atomic<bool> exiting{false};
+    std::atomic<bool> exitFinished{false};
+    bool statsOn = false;
+    std::atomic<unsigned> lastSendTick{0};
+    unsigned statsTick = 0;
+    uint64_t statsBytes = 0;
+
+    ZvInterfaceInfo atInterface;
+    ZvDeviceDetect detect;
+    ZlbsSendMessages sender;
+    ZvLogStderr logger;
+    ZvAString lastPortError;
+    ZvSema endOfRun;
+
+private:
+    void OpenScript();
+    void StartCapture();
+    void StartPortCheck();
+    int WaitLoop();
+    void HandlePortFailure();
+    // The base of the names of files about a target crash: the current log without extension.
+    void CrashFileBaseName(ZvAString& name);
+    void CloseChannel();
+};
+
+// The one application object, alive until the process exits.
+Zlbs& ZlbsApp();
+extern int exitCode;
+
+// Opens the serial interface on the run's device path with the selected receive handler; false
+// with the reason in the application's last port error.
+bool ZlsOpenPort();
+void ZlsClosePort();
+// The start-of-log exchange with the target; always true.
+bool ZlsInitialiseTarget();
+// Client bytes going down to the target.
+void ZlbsDownStreamSocketInputCallback(unsigned char channel, unsigned char* data, unsigned length);
+// Runs OnExit for SIGINT and SIGTERM; other signals are ignored.
+void SignalHandler(int sig);
+// Routes SIGINT and SIGTERM to SignalHandler on a thread of its own, so that OnExit runs in an
+// ordinary thread context. Call before any other thread is started.
+void ZlbsInstallSignalHandling();

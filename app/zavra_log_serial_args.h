@@ -1,0 +1,63 @@
+// The run options of zavra_log_serial and the command-line parser that fills them.
+#pragma once
+
+#include <cstdint>
+
+#include "zv-string-ascii.h"
+
+class ZluSendMessages;
+class ZvDeviceDetect;
+
+// Codes of the tool's fatal faults, printed by error() behind the exit status.
+enum Local_Errors {
+    ZLBS_ERROR_FILE = 12,          // a file could not be opened or prepared
+    ZLBS_ERROR_SOCKET = 13,        // the socket server or its client
+    ZLBS_ERROR_COMMAND_LINE = 14,  // every command-line fault
+    ZLBS_ERROR_MEMORY = 15,        // an allocation failed
+    ZLBS_ERROR_PORT = 19,          // the serial port could not be opened
+    ZLBS_ERROR_NOT_AVAILABLE = 20, // a mode that this build does not have yet
+};
+
+// Reports a fatal fault as "Error <info>(<code>):<message>" on standard error and ends the process
+// with status `info`. Command-line faults pass info 0, so they end with status 0.
+[[noreturn]] void error(Local_Errors code, int info, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+// Prints the banner and the usage text on standard error and ends with status 0.
+[[noreturn]] void usage();
+
+// Verbosity: statistics and completion lines above 1, progress lines above 4.
+extern int noisiness;
+
+struct ZlbsArgData {
+    static const unsigned kDefaultSocketPort = 32768;
+    static const unsigned kMinDaemonTotalMBytes = 8;
+
+    bool socketServer;
+    ZvAString devicePath;
+    uint32_t socketPort;
+    ZvAString scriptFile;
+    ZvAString filenameRoot;
+    uint32_t openChannelId;
+    bool flushTargetBuffers;
+    bool keepFirstSegment;
+    bool exitOnPortFailure;
+    int32_t timeLimitMs;
+    bool daemonMode;
+    ZvAString daemonDirectory;
+    uint64_t daemonTotalSize;
+    uint64_t daemonFileSize;
+    bool portConfigOnly;
+    bool crashCheckDisabled;
+    ZvAString databaseFile;
+
+    ZlbsArgData() { Clear(); }
+    // Defaults of every option; the daemon directory and database file are left as they are.
+    void Clear();
+};
+
+// Parses and validates the whole command line into `args`: options, the checks after the option
+// loop, and the serial port from -d, an interface definition file or detection (`detect` is
+// refreshed). The deferred-logging settings and the message ids go to `sender`. Every fault ends
+// the process through error(); no arguments at all prints the usage.
+void ZlbsParseArguments(int argc, char** argv, ZlbsArgData& args, ZluSendMessages& sender,
+                        ZvDeviceDetect& detect);

@@ -1,0 +1,15 @@
+// Daemon mode (-a): the size-budgeted store of log files, bound to the tool's serial port, and
+// the receive handler that feeds it. The wait loop calls these at its daemon branches.
+#pragma once
+
+#include "zv-string-ascii.h"
+
+class Zlbs;
+
+// Starts daemon mode: selects the daemon receiver and initialises the store, whose own threads
+// open the port and initialise the target. Ends the process through error() on failure.
+void ZlbsDaemonStart(Zlbs& app);
+// The port reader failed: the store is told and re-opens the port when it comes back.
+void ZlbsDaemonPortFailed(Zlbs& app);
+// The base name for files about a target crash: the current log of the store.
+void ZlbsDaemonCrashFileName(Zlbs& app, ZvAString& name);

@@ -1,0 +1,32 @@
+#include "zavra_log_serial_rx.h"
+
+#include "zavra_log_serial_socket.h"
+#include "zv-sema.h"
+
+void ZlbsRxBase::OnRxFail() {
+    if (m_endOfRun.IsCreated())
+        m_endOfRun.Post();
+}
+
+bool ZlbsRxNormal::OpenFile(const char* path) {
+    CloseFile();
+    m_file = fopen(path, "wb");
+    if (m_file == nullptr)
+        return false;
+    // One write per chunk, as it arrives: nothing waits in a buffer if the process is killed.
+    setvbuf(m_file, nullptr, _IONBF, 0);
+    return true;
+}
+
+void ZlbsRxNormal::CloseFile() {
+    if (m_file != nullptr) {
+        fclose(m_file);
+        m_file = nullptr;
+    }
+}
+
+void ZlbsRxNormal::OnRxData(unsigned int count, unsigned char* data) {
+    if (m_file != nullptr && fwrite(data, 1, count, m_file) != count)
+        ++m_writeFailures;
+    m_socket.WriteUp(data, count);
+}

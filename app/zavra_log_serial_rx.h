@@ -1,0 +1,42 @@
+// The receive handlers of the capture: every chunk the port reader delivers passes through the
+// selected one, on the reader thread.
+#pragma once
+
+#include <cstdio>
+
+#include "zv-itf-serial.h"
+
+class ZlsSocketStream;
+class ZvSema;
+
+// Posts the end-of-run semaphore when the port fails; the same for every mode.
+class ZlbsRxBase : public ZvItfAsyncRxHandlers {
+public:
+    explicit ZlbsRxBase(ZvSema& endOfRun) : m_endOfRun(endOfRun) {}
+    void OnRxFail() override;
+
+private:
+    ZvSema& m_endOfRun;
+};
+
+// Plain capture: each chunk goes whole to the output file, then to the socket client if any.
+class ZlbsRxNormal : public ZlbsRxBase {
+public:
+    ZlbsRxNormal(ZvSema& endOfRun, ZlsSocketStream& socket)
+        : ZlbsRxBase(endOfRun), m_socket(socket) {}
+    ~ZlbsRxNormal() { CloseFile(); }
+
+    // The file is written unbuffered, so every byte handed over is in the file at once.
+    bool OpenFile(const char* path);
+    void CloseFile();
+    bool IsFileOpen() const { return m_file != nullptr; }
+    // Short writes to the file (a full disk), counted for the closing report.
+    unsigned long long FileWriteFailures() const { return m_writeFailures; }
+
+    void OnRxData(unsigned int count, unsigned char* data) override;
+
+private:
+    ZlsSocketStream& m_socket;
+    FILE* m_file = nullptr;
+    unsigned long long m_writeFailures = 0;
+};

@@ -1,0 +1,380 @@
+// bench_capture [MiB per run] [rounds]
+//
+// Floods a pseudo-terminal with a fixed pseudo-random stream and lets either `cat` (stdin on the
+// pty slave in raw mode, stdout to a file) or zavra_log_serial (-d on the slave) copy it to a file,
+// alternately, several rounds. For each reader: wall time until the file holds every byte,
+// throughput, CPU seconds and peak RSS of the reader process (wait4), and a byte-for-byte compare
+// of the file with the stream. Then the latency of a byte from the pty to the tool's TCP client.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <pty.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const size_t kBlock = 64 * 1024;
+
+// The flood: xorshift64 bytes from a fixed seed, reproducible block by block.
+struct Pattern {
+    uint64_t state = 0x9E3779B97F4A7C15ull;
+    void Fill(unsigned char* out, size_t size) {
+        for (size_t i = 0; i < size; i += 8) {
+            state ^= state << 13;
+            state ^= state >> 7;
+            state ^= state << 17;
+            uint64_t v = state;
+            for (size_t k = 0; k < 8 && i + k < size; ++k)
+                out[i + k] = static_cast<unsigned char>(v >> (8 * k));
+        }
+    }
+};
+
+struct RunResult {
+    double seconds = 0;
+    double cpu = 0;
+    long maxRssKiB = 0;
+    bool identical = false;
+    uint64_t bytes = 0;
+};
+
+bool WriteAll(int fd, const unsigned char* data, size_t size) {
+    while (size > 0) {
+        ssize_t n = write(fd, data, size);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
+            return false;
+        data += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// The peak resident set of a running process (VmHWM), in KiB; 0 when unknown.
+long PeakRssKiB(pid_t pid) {
+    FILE* f = fopen(("/proc/" + std::to_string(pid) + "/status").c_str(), "r");
+    long kib = 0;
+    char line[256];
+    while (f != nullptr && fgets(line, sizeof line, f) != nullptr)
+        if (strncmp(line, "VmHWM:", 6) == 0)
+            kib = atol(line + 6);
+    if (f != nullptr)
+        fclose(f);
+    return kib;
+}
+
+long long FileSize(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 ? st.st_size : -1;
+}
+
+bool Compare(const std::string& path, uint64_t total) {
+    FILE* f = fopen(path.c_str(), "rb");
+    if (f == nullptr)
+        return false;
+    Pattern pattern;
+    std::vector<unsigned char> want(kBlock), got(kBlock);
+    uint64_t done = 0;
+    bool same = true;
+    while (done < total && same) {
+        size_t n = static_cast<size_t>(std::min<uint64_t>(kBlock, total - done));
+        pattern.Fill(want.data(), n);
+        same = fread(got.data(), 1, n, f) == n && memcmp(want.data(), got.data(), n) == 0;
+        done += n;
+    }
+    same = same && fgetc(f) == EOF;
+    fclose(f);
+    return same;
+}
+
+pid_t Spawn(const std::vector<std::string>& args, int stdinFd, int stdoutFd) {
+    std::vector<char*> argv;
+    for (const std::string& a : args)
+        argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    if (stdinFd >= 0)
+        posix_spawn_file_actions_adddup2(&actions, stdinFd, 0);
+    if (stdoutFd >= 0)
+        posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// A raw pty; the caller owns both descriptors (slave -1 when not wanted open).
+bool OpenRawPty(int& master, int& slave, std::string& slaveName) {
+    char name[256];
+    if (openpty(&master, &slave, name, nullptr, nullptr) != 0)
+        return false;
+    termios t;
+    tcgetattr(slave, &t);
+    cfmakeraw(&t);
+    t.c_cc[VMIN] = 1;
+    t.c_cc[VTIME] = 0;
+    tcsetattr(slave, TCSANOW, &t);
+    slaveName = name;
+    return true;
+}
+
+// Reads and discards what the reader sends up the pty (the tool's control messages) until
+// `stop`, and returns once `want` bytes were seen.
+void DrainMaster(int master, std::atomic<bool>& stop, std::atomic<uint64_t>& seen) {
+    unsigned char buffer[4096];
+    while (!stop) {
+        fd_set set;
+        FD_ZERO(&set);
+        FD_SET(master, &set);
+        timeval tv{0, 20000};
+        if (select(master + 1, &set, nullptr, nullptr, &tv) > 0) {
+            ssize_t n = read(master, buffer, sizeof buffer);
+            if (n > 0)
+                seen += static_cast<uint64_t>(n);
+        }
+    }
+}
+
+RunResult RunOne(bool tool, uint64_t total, const std::string& dir, int round) {
+    RunResult result;
+    result.bytes = total;
+    int master = -1, slave = -1;
+    std::string slaveName;
+    if (!OpenRawPty(master, slave, slaveName)) {
+        perror("openpty");
+        exit(1);
+    }
+    std::string out = dir + "/" + (tool ? "tool" : "cat") + std::to_string(round) + ".bin";
+    unlink(out.c_str());
+
+    std::atomic<bool> stopDrain{false};
+    std::atomic<uint64_t> upBytes{0};
+    pid_t pid;
+    if (tool) {
+        // The tool opens the slave itself; it must be the only opener.
+        close(slave);
+        slave = -1;
+        pid = Spawn({ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1", out}, -1, -1);
+    } else {
+        int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        pid = Spawn({"cat"}, slave, fd);
+        close(fd);
+    }
+    if (pid < 0) {
+        fprintf(stderr, "cannot start the reader\n");
+        exit(1);
+    }
+    std::thread drain(DrainMaster, master, std::ref(stopDrain), std::ref(upBytes));
+    if (tool) {
+        // Start the flood once the tool has opened the channel (its 124 start-up bytes).
+        auto deadline = Clock::now() + std::chrono::seconds(20);
+        while (upBytes < 124 && Clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+
+    Pattern pattern;
+    std::vector<unsigned char> block(kBlock);
+    std::atomic<bool> writing{true};
+    auto start = Clock::now();
+    std::thread writer([&] {
+        uint64_t done = 0;
+        while (done < total) {
+            size_t n = static_cast<size_t>(std::min<uint64_t>(kBlock, total - done));
+            pattern.Fill(block.data(), n);
+            if (!WriteAll(master, block.data(), n))
+                break;
+            done += n;
+        }
+        writing = false;
+    });
+    auto deadline = Clock::now() + std::chrono::seconds(600);
+    while (FileSize(out) < static_cast<long long>(total) && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+    result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    writer.join();
+    // Taken from the live process: the exit path's own allocations are not part of the capture.
+    result.maxRssKiB = PeakRssKiB(pid);
+
+    if (tool) {
+        kill(pid, SIGINT);
+    } else {
+        kill(pid, SIGTERM);
+    }
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    stopDrain = true;
+    drain.join();
+    if (slave >= 0)
+        close(slave);
+    close(master);
+    result.cpu = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+                 static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    result.identical = Compare(out, total);
+    unlink(out.c_str());
+    return result;
+}
+
+int FreePort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+    close(fd);
+    return ntohs(a.sin_port);
+}
+
+// Latency from a write on the pty to the bytes reaching the tool's TCP client: `samples` markers
+// of 64 bytes, each carrying its send time, written 2 ms apart.
+void MeasureLatency(const std::string& dir, int samples) {
+    int master = -1, slave = -1;
+    std::string slaveName;
+    OpenRawPty(master, slave, slaveName);
+    close(slave);
+    int port = FreePort();
+    std::string out = dir + "/latency.bin";
+    pid_t pid = Spawn(
+        {ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1", "-p" + std::to_string(port), out},
+        -1, -1);
+    int client = -1;
+    for (int i = 0; i < 500 && client < 0; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
+            client = fd;
+        } else {
+            close(fd);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    }
+    std::atomic<bool> stopDrain{false};
+    std::atomic<uint64_t> upBytes{0};
+    std::thread drain(DrainMaster, master, std::ref(stopDrain), std::ref(upBytes));
+    while (upBytes < 124)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+
+    std::vector<double> latencies;
+    std::thread reader([&] {
+        unsigned char marker[64];
+        size_t have = 0;
+        while (static_cast<int>(latencies.size()) < samples) {
+            ssize_t n = read(client, marker + have, sizeof marker - have);
+            if (n <= 0)
+                break;
+            have += static_cast<size_t>(n);
+            if (have == sizeof marker) {
+                int64_t sentNs;
+                memcpy(&sentNs, marker, sizeof sentNs);
+                int64_t nowNs = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                    Clock::now().time_since_epoch())
+                                    .count();
+                latencies.push_back(static_cast<double>(nowNs - sentNs) / 1000.0);
+                have = 0;
+            }
+        }
+    });
+    for (int i = 0; i < samples; ++i) {
+        unsigned char marker[64] = {};
+        int64_t nowNs =
+            std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+                .count();
+        memcpy(marker, &nowNs, sizeof nowNs);
+        WriteAll(master, marker, sizeof marker);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    reader.join();
+    kill(pid, SIGINT);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    stopDrain = true;
+    drain.join();
+    close(client);
+    close(master);
+    unlink(out.c_str());
+    std::sort(latencies.begin(), latencies.end());
+    if (latencies.empty()) {
+        printf("latency: no samples\n");
+        return;
+    }
+    printf("latency pty -> TCP client: %zu samples, median %.0f us, p99 %.0f us, max %.0f us\n",
+           latencies.size(), latencies[latencies.size() / 2],
+           latencies[std::min(latencies.size() - 1, latencies.size() * 99 / 100)],
+           latencies.back());
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    uint64_t mib = argc > 1 ? strtoull(argv[1], nullptr, 0) : 256;
+    int rounds = argc > 2 ? atoi(argv[2]) : 2;
+    uint64_t total = mib << 20;
+    char dirTemplate[] = "/tmp/bench_capture_XXXXXX";
+    if (mkdtemp(dirTemplate) == nullptr)
+        return 1;
+    std::string dir = dirTemplate;
+    signal(SIGPIPE, SIG_IGN);
+
+    RunResult catSum, toolSum;
+    long toolRss = 0, catRss = 0;
+    bool allSame = true;
+    for (int round = 0; round < rounds; ++round) {
+        for (int which = 0; which < 2; ++which) {
+            bool tool = which == 1;
+            RunResult r = RunOne(tool, total, dir, round);
+            printf("round %d %-4s %6.1f MiB/s  cpu %5.2f s  rss %5ld KiB  %s\n", round,
+                   tool ? "tool" : "cat", static_cast<double>(total) / (1 << 20) / r.seconds, r.cpu,
+                   r.maxRssKiB, r.identical ? "identical" : "DIFFERENT");
+            fflush(stdout);
+            RunResult& sum = tool ? toolSum : catSum;
+            sum.seconds += r.seconds;
+            sum.cpu += r.cpu;
+            long& rss = tool ? toolRss : catRss;
+            rss = std::max(rss, r.maxRssKiB);
+            allSame = allSame && r.identical;
+        }
+    }
+    double catRate = static_cast<double>(total) * rounds / catSum.seconds / (1 << 20);
+    double toolRate = static_cast<double>(total) * rounds / toolSum.seconds / (1 << 20);
+    printf("\n%llu MiB x %d rounds each\n", static_cast<unsigned long long>(mib), rounds);
+    printf("throughput: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f (aim >= 0.95)\n", toolRate,
+           catRate, toolRate / catRate);
+    printf("cpu: tool %.2f s, cat %.2f s, ratio %.3f (aim <= 1.5)\n", toolSum.cpu, catSum.cpu,
+           toolSum.cpu / catSum.cpu);
+    printf("peak rss: tool %ld KiB, cat %ld KiB (aim < 4096 KiB)\n", toolRss, catRss);
+    printf("bytes compared: %llu per run, %s\n", static_cast<unsigned long long>(total),
+           allSame ? "all identical" : "MISMATCH");
+    MeasureLatency(dir, 500);
+    rmdir(dir.c_str());
+    return allSame ? 0 : 1;
+}

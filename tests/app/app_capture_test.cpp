@@ -1,0 +1,118 @@
+// Capture to a file: every byte the modem sends lands in the file, whichever way the run ends
+// (a signal, a hang-up of the port), and the log channel is closed once after the drain.
+#include <signal.h>
+#include <unistd.h>
+
+#include "app_test_tool.h"
+
+namespace apptest {
+namespace {
+
+const uint64_t kLargeCapture = 64ull << 20;
+
+TEST(Capture, LargeStreamLandsByteForByteThenSigintGivesTwo) {
+    Bench bench;
+    bench.options.gen.enabled = true;
+    bench.options.gen.stopAfterBytes = kLargeCapture;
+    bench.options.gen.garbageEvery = 500;
+    bench.StartModem();
+    zavra_test::Process tool;
+    StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
+    ASSERT_TRUE(bench.modem.WaitForGeneratorDone(240000)) << tool.Stderr();
+    ASSERT_TRUE(bench.modem.WaitForDrained(20000));
+    tool.Signal(SIGINT);
+    ExpectExit(tool, 2);
+
+    bench.modem.FlushFiles();
+    zsim::ModemCounters counters = bench.modem.Counters();
+    EXPECT_EQ(counters.streamBytes, kLargeCapture);
+    ASSERT_EQ(zavra_test::FileSize(bench.Out()), static_cast<long long>(counters.sent));
+    EXPECT_EQ(CompareFiles(bench.Out(), bench.Sent(), static_cast<long long>(counters.sent)), "");
+    // The statistics line counted the same bytes.
+    EXPECT_NE(tool.Stderr().find("Merged Stream: " + std::to_string(counters.sent) + "/"),
+              std::string::npos);
+}
+
+TEST(Capture, SigtermGivesFifteenAndClosesTheChannelAfterTheDrain) {
+    Bench bench;
+    bench.StartModem();
+    zavra_test::Process tool;
+    StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
+    ASSERT_TRUE(bench.modem.WaitForRecordId(0x35, 10000, 2)) << tool.Stderr();
+    tool.Signal(SIGTERM);
+    ExpectExit(tool, 15);
+
+    std::vector<zsim::HostRecord> closes = bench.modem.RecordsWithId(0x36);
+    std::vector<zsim::HostRecord> opens = bench.modem.RecordsWithId(0x35);
+    ASSERT_EQ(closes.size(), 4u);
+    ASSERT_EQ(opens.size(), 2u);
+    // The last data went down with the open; the closing pair waits at least 600 ms after it.
+    EXPECT_GE(closes[2].arrivalMs - opens[1].arrivalMs, 550.0);
+    EXPECT_EQ(closes[2].kor, 0u);
+    EXPECT_EQ(closes[3].kor, 1u);
+    EXPECT_NE(tool.Stderr().find("\nWaiting for sends to complete\n"), std::string::npos);
+}
+
+TEST(Capture, SecondSignalDuringTheDrainClosesOnlyOnce) {
+    Bench bench;
+    bench.StartModem();
+    zavra_test::Process tool;
+    StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
+    ASSERT_TRUE(bench.modem.WaitForRecordId(0x35, 10000, 2));
+    tool.Signal(SIGINT);
+    usleep(150000);
+    tool.Signal(SIGTERM);
+    ExpectExit(tool, 2);
+    EXPECT_EQ(bench.modem.RecordsWithId(0x36).size(), 4u);
+}
+
+TEST(Capture, HangUpGivesFiftyWithEveryByteOnDisk) {
+    Bench bench;
+    bench.options.gen.enabled = true;
+    bench.options.gen.bytesPerSecond = 4u << 20;
+    bench.StartModem();
+    zavra_test::Process tool;
+    StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
+    ASSERT_TRUE(bench.modem.WaitForSent(1u << 20, 20000)) << tool.Stderr();
+    bench.modem.HangUp(0, false);
+    ExpectExit(tool, 50);
+
+    bench.modem.FlushFiles();
+    zsim::ModemCounters counters = bench.modem.Counters();
+    EXPECT_EQ(counters.discarded, 0u) << "the tool left bytes unread at the hang-up";
+    ASSERT_EQ(zavra_test::FileSize(bench.Out()), static_cast<long long>(counters.delivered));
+    EXPECT_EQ(CompareFiles(bench.Out(), bench.Sent(), static_cast<long long>(counters.delivered)),
+              "");
+}
+
+TEST(Capture, OutputFileNameIsUsedExactly) {
+    Bench bench;
+    bench.options.gen.enabled = true;
+    bench.options.gen.stopAfterBytes = 10000;
+    bench.StartModem();
+    const std::string name = bench.dir.File("capture.bin.log");
+    zavra_test::Process tool;
+    StartTool(tool, {"-d" + bench.Port(), "-t", "-v1", name});
+    ASSERT_TRUE(bench.modem.WaitForGeneratorDone(20000));
+    ASSERT_TRUE(bench.modem.WaitForDrained(20000));
+    usleep(700000); // past the exit drain, so the tool has nothing to say
+    tool.Signal(SIGINT);
+    ExpectExit(tool, 2);
+    EXPECT_EQ(zavra_test::FileSize(name), 10000);
+    // Verbosity 1: no statistics line and no closing line feed.
+    EXPECT_EQ(tool.Stderr(), "");
+}
+
+TEST(Capture, UnwritableOutputFileIsFatal) {
+    Bench bench;
+    bench.StartModem();
+    zavra_test::Process tool;
+    StartTool(tool, {"-d" + bench.Port(), "-t", bench.dir.File("missing/out.zom")});
+    ExpectExit(tool, 2); // errno ENOENT
+    EXPECT_NE(tool.Stderr().find("Error 2(12):Failed to open output ZOM.\n"), std::string::npos)
+        << tool.Stderr();
+    EXPECT_EQ(bench.modem.Counters().received, 0u);
+}
+
+} // namespace
+} // namespace apptest

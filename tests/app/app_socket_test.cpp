@@ -1,0 +1,136 @@
+// The TCP client of -p: it gets the stream, its bytes reach the modem only after the start-of-log
+// exchange, and whatever it does (leave, stop reading) the file stays complete and the tool runs.
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "app_test_tool.h"
+#include "zavra_test_net.h"
+
+namespace apptest {
+namespace {
+
+// A record the client sends down: id 0x123 to KOR 0 with the body "CLNT".
+const char* const kClientRecord = "7F 80 7F 80 00 00 00 00 04 00 23 01 43 4C 4E 54";
+
+struct SocketRun {
+    Bench bench;
+    zavra_test::Process tool;
+    int port = zavra_test::FreeTcpPort();
+    int client = -1;
+
+    ~SocketRun() {
+        if (client >= 0)
+            close(client);
+    }
+    // Starts the modem and the tool with -p, and connects the client.
+    void Start(const std::vector<std::string>& extra = {}) {
+        bench.StartModem();
+        std::vector<std::string> args = {"-d" + bench.Port(), "-t", "-p" + std::to_string(port)};
+        args.insert(args.end(), extra.begin(), extra.end());
+        args.push_back(bench.Out());
+        StartTool(tool, args);
+        client = zavra_test::ConnectTcp(port, 10000);
+        ASSERT_GE(client, 0) << tool.Stderr();
+    }
+};
+
+TEST(SocketClient, BytesSentEarlyReachTheModemAfterTheOpen) {
+    SocketRun run;
+    // The tool opens the port only after the client connected, so these bytes wait meanwhile.
+    ASSERT_NO_FATAL_FAILURE(run.Start());
+    Bytes record = Hex(kClientRecord);
+    ASSERT_TRUE(zavra_test::WriteAll(run.client, std::string(record.begin(), record.end())));
+    ASSERT_TRUE(run.bench.modem.WaitForRecordId(0x123, 10000)) << run.tool.Stderr();
+
+    std::vector<zsim::HostRecord> after = RecordsAfterOpen(run.bench.modem);
+    ASSERT_EQ(after.size(), 1u);
+    EXPECT_EQ(ToHex(after[0].bytes), ToHex(record));
+    // Nothing of it arrived before the start messages (closes, flushes, time, opens: 124 bytes).
+    Bytes raw = run.bench.modem.RawReceived();
+    ASSERT_EQ(raw.size(), 124u + record.size());
+    EXPECT_EQ(ToHex(Bytes(raw.begin() + 124, raw.end())), ToHex(record));
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+}
+
+TEST(SocketClient, ReceivesTheWholeStream) {
+    SocketRun run;
+    run.bench.options.gen.enabled = true;
+    run.bench.options.gen.stopAfterBytes = 4u << 20;
+    ASSERT_NO_FATAL_FAILURE(run.Start());
+    std::string got = zavra_test::ReadExactly(run.client, 4u << 20, 60000);
+    ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+    run.bench.modem.FlushFiles();
+    std::string sent = zavra_test::ReadFile(run.bench.Sent());
+    ASSERT_EQ(sent.size(), 4u << 20);
+    EXPECT_TRUE(got == sent) << "client got " << got.size() << " bytes";
+    EXPECT_TRUE(zavra_test::ReadFile(run.bench.Out()) == sent);
+}
+
+TEST(SocketClient, ClientLeavingMidStreamDisturbsNothing) {
+    SocketRun run;
+    run.bench.options.gen.enabled = true;
+    run.bench.options.gen.bytesPerSecond = 8u << 20;
+    run.bench.options.gen.stopAfterBytes = 6u << 20;
+    ASSERT_NO_FATAL_FAILURE(run.Start());
+    EXPECT_EQ(zavra_test::ReadExactly(run.client, 100000, 20000).size(), 100000u);
+    // Leave with unread data in the socket: the tool's next sends meet a reset connection.
+    close(run.client);
+    run.client = -1;
+    ASSERT_TRUE(run.bench.modem.WaitForGeneratorDone(60000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
+    EXPECT_TRUE(run.tool.Running()) << zavra_test::Describe(run.tool);
+    run.tool.Signal(SIGINT);
+    ExpectExit(run.tool, 2);
+    run.bench.modem.FlushFiles();
+    long long sent = static_cast<long long>(run.bench.modem.Counters().sent);
+    EXPECT_EQ(zavra_test::FileSize(run.bench.Out()), sent);
+    EXPECT_EQ(CompareFiles(run.bench.Out(), run.bench.Sent(), sent), "");
+}
+
+TEST(SocketClient, ClientThatStopsReadingNeverStallsTheCapture) {
+    SocketRun run;
+    run.bench.options.gen.enabled = true;
+    run.bench.options.gen.stopAfterBytes = 24u << 20;
+    ASSERT_NO_FATAL_FAILURE(run.Start({"-v5"}));
+    // The client reads nothing; its buffers fill after a few MiB and the rest is dropped for it.
+    ASSERT_TRUE(run.bench.modem.WaitForGeneratorDone(120000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
+    EXPECT_TRUE(run.tool.Running());
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+    run.bench.modem.FlushFiles();
+    long long sent = static_cast<long long>(run.bench.modem.Counters().sent);
+    EXPECT_EQ(zavra_test::FileSize(run.bench.Out()), sent);
+    EXPECT_EQ(CompareFiles(run.bench.Out(), run.bench.Sent(), sent), "");
+    std::string err = run.tool.Stderr();
+    EXPECT_NE(err.find("Socket client is not keeping up"), std::string::npos) << err;
+    EXPECT_NE(err.find("Socket client missed "), std::string::npos) << err;
+}
+
+TEST(SocketClient, PortInUseIsFatal) {
+    Bench bench;
+    bench.StartModem();
+    int port = zavra_test::FreeTcpPort();
+    zavra_test::Process first;
+    StartTool(first, {"-d" + bench.Port(), "-t", "-v5", "-p" + std::to_string(port), bench.Out()});
+    ASSERT_TRUE(first.WaitForStderr("Waiting for socket client connection.", 10000));
+    // The first tool listens on the port; a second one cannot serve it too.
+    zavra_test::Process second;
+    StartTool(second, {"-d/dev/null", "-t", "-p" + std::to_string(port), bench.Out()});
+    ExpectExit(second, 0);
+    EXPECT_NE(second.Stderr().find("Error 0(13):Failed to open server socket for connections.\n"),
+              std::string::npos)
+        << second.Stderr();
+    int client = zavra_test::ConnectTcp(port, 10000);
+    ASSERT_GE(client, 0);
+    close(client);
+    first.Signal(SIGTERM);
+    ExpectExit(first, 15);
+}
+
+} // namespace
+} // namespace apptest

@@ -1,0 +1,73 @@
+// A child program run for a test: standard output and standard error are captured through pipes
+// by a background thread, so a test can wait for a line to appear, send signals, and collect the
+// exit status with a time-out. The destructor kills a child that is still running.
+#pragma once
+
+#include <sys/types.h>
+
+#include <condition_variable>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zavra_test {
+
+class Process {
+public:
+    Process() = default;
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+    ~Process();
+
+    // Starts `path` with `args` (argv[1]...). Extra environment entries "NAME=value" are added to
+    // the current environment. False, with the reason in Error(), when the program cannot start.
+    bool Start(const std::string& path, const std::vector<std::string>& args,
+               const std::vector<std::string>& extraEnv = {});
+    pid_t Pid() const { return m_pid; }
+    bool Running();
+
+    bool Signal(int signalNumber);
+    // Waits until the child has ended and its output pipes are drained; false on time-out.
+    bool Wait(int timeoutMs);
+    // Kills the child (SIGKILL) and waits for it.
+    void Kill();
+
+    // Valid after a successful Wait: the exit code, or -1 when the child died from a signal.
+    int ExitCode() const { return m_exitCode; }
+    // The signal that ended the child, 0 when it exited normally.
+    int TermSignal() const { return m_termSignal; }
+
+    // Snapshots of what the child has written so far.
+    std::string Stdout() const;
+    std::string Stderr() const;
+    // Waits until standard error (or output) contains `text`; false on time-out or when the
+    // child ended without writing it.
+    bool WaitForStderr(const std::string& text, int timeoutMs);
+    bool WaitForStdout(const std::string& text, int timeoutMs);
+
+    const std::string& Error() const { return m_error; }
+
+private:
+    void ReadOutput(int outFd, int errFd);
+    bool WaitForText(const std::string* stream, const std::string& text, int timeoutMs);
+    bool Reap(bool block);
+
+    pid_t m_pid = -1;
+    bool m_reaped = false;
+    int m_exitCode = -1;
+    int m_termSignal = 0;
+    std::string m_error;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::string m_stdout;
+    std::string m_stderr;
+    bool m_outputClosed = false;
+    std::thread m_reader;
+};
+
+// Describes an ended child for assertion messages: "exit 2" or "signal 9", then its stderr.
+std::string Describe(const Process& process);
+
+} // namespace zavra_test
