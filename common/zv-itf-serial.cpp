@@ -29,6 +29,10 @@ ZvItfAsyncSerial::~ZvItfAsyncSerial() {
 
 bool ZvItfAsyncSerial::OnOpen() {
     OnClose(); // one read thread per interface
+    // A reader closed from its own handler may still be on its way out: the thread object is
+    // reused below, so let it go first.
+    if (!m_readThread.IsCurrentThread())
+        m_readThread.WaitForThreadFinish(kReadThreadFinishMs);
     if (m_rxHandler == nullptr)
         return false; // the read thread would have nobody to hand data to
     const char* name = m_portName.c_str();
