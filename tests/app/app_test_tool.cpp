@@ -67,6 +67,7 @@ std::string CompareFiles(const std::string& a, const std::string& b, long long s
 }
 
 std::vector<zsim::HostRecord> RecordsAfterOpen(const zsim::Modem& modem, unsigned openId) {
+    modem.WaitForHostQuiet(150, 3000); // what the tool wrote just before it exited
     std::vector<zsim::HostRecord> all = modem.Records();
     std::vector<zsim::HostRecord> after;
     bool open = false;
