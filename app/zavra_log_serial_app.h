@@ -26,6 +26,9 @@ private:
     ZvItfAsyncSerial& m_serial;
 };
 
+// Daemon mode and database extraction live in their own files (zavra_log_serial_daemon,
+// zavra_log_serial_tgt_db): Run starts them, the wait loop polls the extraction on every 200 ms
+// time-out and hands a port failure to the daemon store.
 class Zlbs {
 public:
     // The record buffer for the script: the largest record body the reader accepts.
@@ -43,6 +46,8 @@ public:
     // second caller (a signal during the drain) waits for the first to finish.
     [[noreturn]] void OnExit(int code);
     void OutputStats();
+    // The base of the names of files about a target crash: the current log without extension.
+    void CrashFileBaseName(ZvAString& name);
 
     ZvVer version;
     ZlbsArgData args;
@@ -74,9 +79,6 @@ private:
     void StartPortCheck();
     int WaitLoop();
     void HandlePortFailure();
-    // The base of the names of files about a target crash: the current log without extension.
-    void CrashFileBaseName(ZvAString& name);
-    void CloseChannel();
 };
 
 // The one application object, alive until the process exits.

@@ -72,6 +72,8 @@ void ZlbsDaemonPortFailed(Zlbs&) {
     Store().PortFailureDetected();
 }
 
+void ZlbsDaemonExit(Zlbs&) {}
+
 void ZlbsDaemonCrashFileName(Zlbs&, ZvAString& name) {
     Store().GetCrashFileName(name);
 }

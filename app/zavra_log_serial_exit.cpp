@@ -71,7 +71,9 @@ void Zlbs::OnExit(int code) {
     if (args.daemonMode)
         ZlbsDaemonStop(*this);
     rxNormal.CloseFile();
-    if (!args.daemonMode)
+    if (args.daemonMode)
+        ZlbsDaemonExit(*this);
+    else
         socketStream.Close();
 
     if (noisiness == 2)

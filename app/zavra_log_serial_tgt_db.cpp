@@ -1,19 +1,50 @@
-// Database extraction is not in this build yet: -e is refused plainly after the command line was
-// checked.
+// Target database extraction (-e): the extractor and its receiver exist only in an extraction run.
 #include "zavra_log_serial_tgt_db.h"
 
+#include <cerrno>
+
+#include "zavra_log_serial_app.h"
 #include "zavra_log_serial_args.h"
 
-void ZlbsTgtDbStart(Zlbs&) {
-    error(ZLBS_ERROR_NOT_AVAILABLE, 1,
-          "Target database extraction (-e) is not available in this build.");
+namespace {
+
+// Made at start-up of an extraction run and never destroyed: the port's reader thread may still
+// deliver data while the process exits.
+ZlbsTgtDb* extractor = nullptr;
+ZlbsRxTgtDb* receiver = nullptr;
+
+} // namespace
+
+void ZlbsTgtDb::Send(unsigned int size, unsigned char* data) {
+    m_serial.Send(size, data);
+}
+
+void ZlbsRxTgtDb::OnRxData(unsigned int count, unsigned char* data) {
+    m_extractor.OnNewData(data, count);
+}
+
+void ZlbsTgtDbStart(Zlbs& app) {
+    extractor = new ZlbsTgtDb(app.serial);
+    receiver = new ZlbsRxTgtDb(app.endOfRun, *extractor);
+    app.serial.SetRxHandler(receiver);
+    const char* name = app.args.databaseFile.c_str();
+    if (!extractor->Configure(name, app.args.openChannelId)) {
+        int reason = errno;
+        ZvLog::Error("%s", extractor->GetError().c_str());
+        error(ZLBS_ERROR_FILE, reason, "Failed to configure target database extraction '%s'", name);
+    }
 }
 
 bool ZlbsTgtDbActive(Zlbs&) {
-    return false;
+    return extractor != nullptr && extractor->IsActive();
 }
 
 int ZlbsTgtDbCheckProgress(Zlbs&, ZvAString& errorText) {
-    errorText.clear();
-    return 1;
+    if (extractor == nullptr) {
+        errorText.clear();
+        return ZlTgtDb::ProgressFailed;
+    }
+    int progress = extractor->CheckProgress();
+    errorText = extractor->GetError();
+    return progress;
 }

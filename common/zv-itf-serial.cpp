@@ -1,21 +1,38 @@
 #include "zv-itf-serial.h"
 
+#include <cerrno>
+#include <cstdint>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include "zv-time.h"
 
 namespace {
 // How long OnClose waits for the read thread before terminating it.
 const unsigned kReadThreadFinishMs = 200;
+
+// The time a read waits for data: the terminal's VTIME, which keeps whole deciseconds in one byte.
+int ReadWaitMs(unsigned totalTimeoutMs) {
+    return static_cast<uint8_t>(totalTimeoutMs / 100) * 100;
+}
 } // namespace
 
-ZvItfAsyncSerial::ZvItfAsyncSerial() = default;
+ZvItfAsyncSerial::ZvItfAsyncSerial() : m_wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
 
 ZvItfAsyncSerial::~ZvItfAsyncSerial() {
     OnClose();
     m_port.Close();
+    if (m_wakeFd >= 0)
+        close(m_wakeFd);
 }
 
 bool ZvItfAsyncSerial::OnOpen() {
     OnClose(); // one read thread per interface
+    // A reader closed from its own handler may still be on its way out: the thread object is
+    // reused below, so let it go first.
+    if (!m_readThread.IsCurrentThread())
+        m_readThread.WaitForThreadFinish(kReadThreadFinishMs);
     if (m_rxHandler == nullptr)
         return false; // the read thread would have nobody to hand data to
     const char* name = m_portName.c_str();
@@ -27,7 +44,10 @@ bool ZvItfAsyncSerial::OnOpen() {
         m_port.SetTotalTimeout(m_totalTimeoutMs);
         opened = m_port.Open(name, m_speed, m_openFlags);
     }
-    if (opened && m_port.SetTotalTimeout(m_totalTimeoutMs) &&
+    uint64_t stale = 0; // a wake-up left by an OnClose from inside a handler
+    while (m_wakeFd >= 0 && read(m_wakeFd, &stale, sizeof(stale)) > 0) {
+    }
+    if (opened && m_wakeFd >= 0 && m_port.SetTotalTimeout(m_totalTimeoutMs) &&
         m_readThread.Create(ReadThreadFunc, this, ZvThread::kManualAck)) {
         m_readThread.WaitForThreadStart(ZvThread::kWaitForever);
         return true;
@@ -41,14 +61,21 @@ void ZvItfAsyncSerial::OnClose() {
     bool reading = true;
     if (!m_reading.compare_exchange_strong(reading, false))
         return;
-    m_port.Close(); // a blocked read returns at the latest after the time-out
-    if (m_readThread.IsCurrentThread())
+    const uint64_t one = 1;
+    (void)!write(m_wakeFd, &one, sizeof(one)); // a waiting reader returns at once
+    if (m_readThread.IsCurrentThread()) {
+        // Called from a handler: the reader is not inside poll or read, and ends on its return.
+        m_port.Close();
         return;
+    }
+    // A handler in progress finishes its block first; the port closes only once the reader has
+    // stopped, so it never reads from a closed (or reused) descriptor.
     if (!m_readThread.WaitForThreadFinish(kReadThreadFinishMs) && m_readThread.IsAlive()) {
-        m_readThread.Terminate(0);
-        // The signal ends the thread promptly; let it finish with this object before it goes.
+        m_readThread.Terminate(0); // last resort: a handler that does not return
+        ++m_readThreadTerminations;
         m_readThread.WaitForThreadFinish(kReadThreadFinishMs);
     }
+    m_port.Close();
 }
 
 bool ZvItfAsyncSerial::Send(unsigned int count, unsigned char* data) {
@@ -71,9 +98,16 @@ void ZvItfAsyncSerial::ReadLoop() {
     bool lastReadEmpty = false;
     unsigned lastEmptyTick = 0;
     const unsigned fastEmptyMs = m_totalTimeoutMs / 4;
+    const int waitMs = ReadWaitMs(m_totalTimeoutMs);
     while (m_reading) {
         unsigned got = 0;
-        if (!m_port.Read(buffer, sizeof(buffer), got)) {
+        const WaitResult waited = WaitForInput(waitMs);
+        if (!m_reading)
+            return; // closing: the wake-up, or data that arrived with it
+        if (waited == WaitResult::Woken)
+            continue; // stale wake-up
+        if (waited == WaitResult::Failed ||
+            (waited == WaitResult::Ready && !m_port.Read(buffer, sizeof(buffer), got))) {
             if (m_reading)
                 m_rxHandler->OnRxFail();
             return;
@@ -93,4 +127,20 @@ void ZvItfAsyncSerial::ReadLoop() {
         lastReadEmpty = true;
         lastEmptyTick = now;
     }
+}
+
+ZvItfAsyncSerial::WaitResult ZvItfAsyncSerial::WaitForInput(int ms) {
+    pollfd fds[2] = {{m_port.GetHandle(), POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
+    int ready = poll(fds, 2, ms);
+    while (ready < 0 && errno == EINTR)
+        ready = poll(fds, 2, ms); // a signal to the process; the wait starts again
+    if (ready < 0 || (fds[0].revents & POLLNVAL))
+        return WaitResult::Failed;
+    if (fds[1].revents != 0) {
+        uint64_t count = 0;
+        (void)!read(m_wakeFd, &count, sizeof(count));
+        return WaitResult::Woken;
+    }
+    // Data, a hang-up or an error: the read tells which.
+    return ready > 0 ? WaitResult::Ready : WaitResult::TimedOut;
 }

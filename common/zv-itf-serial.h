@@ -3,9 +3,16 @@
 //
 // Threads:
 // - OnOpen, OnClose and the setters are called by the owning (controlling) thread. OnClose may
-//   also be called from inside a handler on the read thread; it then does not wait for itself.
+//   also be called from inside a handler on the read thread; it then does not wait for itself,
+//   and the read thread ends when the handler returns.
 // - The read thread is the only caller of the handler (OnRxData, OnRxFail) and of the port's Read.
-//   A handler must return quickly: nothing is read while it runs.
+//   It waits in poll() on the port and on a wake descriptor, then reads. A handler must return
+//   quickly: nothing is read while it runs.
+// - OnClose from the owner clears the reading flag and wakes the reader, which ends without
+//   calling the handler again. A block being handled is finished first: OnClose waits up to
+//   200 ms for the reader, terminates it only when that wait fails (a handler that does not
+//   return: its block may be cut short and its locks stay held), and closes the port last, so
+//   the reader never reads from a closed or reused descriptor.
 // - Send may be called from any thread, concurrently with reading; concurrent Sends are not
 //   serialised here.
 // - The byte totals are each written by one thread (received: the read thread; sent: the sender)
@@ -101,10 +108,16 @@ public:
     // The system error number of the port's last failure (after a failed OnOpen).
     int GetLastError() const { return m_port.GetLastError(); }
     int GetHandle() const { return m_port.GetHandle(); }
+    // How often OnClose had to terminate a read thread whose handler did not return in time.
+    unsigned GetReadThreadTerminations() const { return m_readThreadTerminations; }
 
 private:
+    enum class WaitResult { Ready, TimedOut, Woken, Failed };
+
     static void ReadThreadFunc(ZvThread* thread, void* self);
     void ReadLoop();
+    // Waits up to ms for input on the port or a wake-up from OnClose.
+    WaitResult WaitForInput(int ms);
 
     ZvSerial m_port;
     ZvAString m_portName;
@@ -112,4 +125,7 @@ private:
     unsigned m_openFlags = kDefaultOpenFlags;
     unsigned m_totalTimeoutMs = kDefaultTotalTimeoutMs;
     ZvThread m_readThread;
+    // Written by OnClose to wake the read thread from its wait (an eventfd).
+    int m_wakeFd;
+    std::atomic<unsigned> m_readThreadTerminations{0};
 };

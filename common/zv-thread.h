@@ -12,7 +12,9 @@
 //
 // Terminate sends SIGUSR1 to the worker; a process-wide handler, installed when this module is
 // loaded, ends the receiving thread with pthread_exit. The worker is unwound from wherever it is:
-// destructors of its stack objects run, but locks it holds stay held.
+// destructors of its stack objects run, but locks it holds stay held. The unwinding cannot cross
+// a noexcept function (destructors included): a worker terminated inside one ends the process, so
+// workers that may be terminated should block in plain system calls, not in such functions.
 #pragma once
 
 #include <atomic>

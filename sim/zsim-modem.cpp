@@ -269,7 +269,7 @@ bool Modem::Impl::BringUp(Clock::time_point now, std::string* error) {
 bool Modem::Impl::NextChunk(Clock::time_point now, int& timeout) {
     if (!queue.empty()) {
         auto due = lastChunkEnd + std::chrono::milliseconds(queue.front().gapBeforeMs);
-        if (now < due) {
+        if (queue.front().gapBeforeMs != 0 && now < due) {
             timeout = std::min(timeout, MsUntil(now, due));
             return false;
         }
@@ -663,6 +663,23 @@ bool Modem::WaitForDrained(unsigned timeoutMs) const {
                 return false;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    }
+    return true;
+}
+
+bool Modem::WaitForHostQuiet(unsigned quietMs, unsigned timeoutMs) const {
+    auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    uint64_t last = Counters().received;
+    auto quietSince = Clock::now();
+    while (Clock::now() - quietSince < std::chrono::milliseconds(quietMs)) {
+        if (Clock::now() >= deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        uint64_t now = Counters().received;
+        if (now != last) {
+            last = now;
+            quietSince = Clock::now();
         }
     }
     return true;

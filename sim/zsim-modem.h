@@ -180,6 +180,9 @@ public:
     bool WaitForConnection(unsigned connection, unsigned timeoutMs) const; // port came back n times
     bool WaitForGeneratorDone(unsigned timeoutMs) const;
     bool WaitForDrained(unsigned timeoutMs) const; // host has read all bytes sent so far
+    // No byte has come from the host for quietMs: what a host wrote just before it exited has
+    // been read and parsed.
+    bool WaitForHostQuiet(unsigned quietMs, unsigned timeoutMs) const;
     // Generic form: the predicate sees a counters snapshot; re-checked on every change. It runs
     // under the modem's lock, so it must not call the modem.
     bool WaitUntil(const std::function<bool(const ModemCounters&)>& predicate,

@@ -121,6 +121,8 @@ pid_t Spawn(const std::vector<std::string>& args, int stdinFd, int stdoutFd) {
         posix_spawn_file_actions_adddup2(&actions, stdinFd, 0);
     if (stdoutFd >= 0)
         posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
+    // The readers' own messages would mix with the figures.
+    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
     pid_t pid = -1;
     if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
         pid = -1;
@@ -346,6 +348,7 @@ int main(int argc, char** argv) {
     signal(SIGPIPE, SIG_IGN);
 
     RunResult catSum, toolSum;
+    std::vector<double> catRates, toolRates;
     long toolRss = 0, catRss = 0;
     bool allSame = true;
     for (int round = 0; round < rounds; ++round) {
@@ -356,6 +359,8 @@ int main(int argc, char** argv) {
                    tool ? "tool" : "cat", static_cast<double>(total) / (1 << 20) / r.seconds, r.cpu,
                    r.maxRssKiB, r.identical ? "identical" : "DIFFERENT");
             fflush(stdout);
+            (tool ? toolRates : catRates)
+                .push_back(static_cast<double>(total) / (1 << 20) / r.seconds);
             RunResult& sum = tool ? toolSum : catSum;
             sum.seconds += r.seconds;
             sum.cpu += r.cpu;
@@ -369,6 +374,12 @@ int main(int argc, char** argv) {
     printf("\n%llu MiB x %d rounds each\n", static_cast<unsigned long long>(mib), rounds);
     printf("throughput: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f (aim >= 0.95)\n", toolRate,
            catRate, toolRate / catRate);
+    // The machine may be shared: the medians of the single runs are steadier than the totals.
+    std::sort(catRates.begin(), catRates.end());
+    std::sort(toolRates.begin(), toolRates.end());
+    double catMedian = catRates[catRates.size() / 2], toolMedian = toolRates[toolRates.size() / 2];
+    printf("median run: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f\n", toolMedian, catMedian,
+           toolMedian / catMedian);
     printf("cpu: tool %.2f s, cat %.2f s, ratio %.3f (aim <= 1.5)\n", toolSum.cpu, catSum.cpu,
            toolSum.cpu / catSum.cpu);
     printf("peak rss: tool %ld KiB, cat %ld KiB (aim < 4096 KiB)\n", toolRss, catRss);

@@ -15,9 +15,12 @@ struct Outcome {
     std::string err;
 };
 
-Outcome RunTool(const std::vector<std::string>& args) {
+Outcome RunTool(const std::vector<std::string>& args, bool inTestbed = false) {
     zavra_test::Process tool;
-    EXPECT_TRUE(tool.Start(ZAVRA_LOG_SERIAL_PATH, args)) << tool.Error();
+    std::vector<std::string> all = args;
+    if (inTestbed)
+        all.insert(all.begin(), ZAVRA_LOG_SERIAL_PATH);
+    EXPECT_TRUE(tool.Start(inTestbed ? ZAVRA_TESTBED : ZAVRA_LOG_SERIAL_PATH, all)) << tool.Error();
     if (!tool.Wait(20000)) {
         tool.Kill();
         ADD_FAILURE() << "the tool did not end: " << tool.Stderr();
@@ -118,21 +121,34 @@ TEST(CommandLine, NoArgumentsAndHelpPrintTheUsage) {
                                "serial port. The \nstream data can be saved to a file or sent to "
                                "a socket (or both).\n"),
                   std::string::npos);
-        EXPECT_NE(out.err.find("zavra_log_serial [Options] [<filename_root>]"), std::string::npos);
-        EXPECT_NE(out.err.find("/dev/mux.ttyACM0/qorvi"), std::string::npos);
-        EXPECT_NE(out.err.find("Send the given ZOS script."), std::string::npos);
-        EXPECT_NE(out.err.find("Disable the target crash check when a part failure is detected."),
-                  std::string::npos);
-        // The defaults in the text: base id, socket port, buffer percentage, timeout.
-        for (const char* number : {"53", "32768", "50", "60"})
-            EXPECT_NE(out.err.find(number), std::string::npos) << number;
+        // Every option in its order, and the defaults: base id, socket port, percentage, timeout.
         size_t last = 0;
-        for (const char* option : {"-a<", "-b ", "-c<", "-d<", "-e<", "-f ", "-h ", "-m<", "-o ",
-                                   "-p[", "-r1,", "-r0 ", "-s<", "-t ", "-v<", "-x "}) {
-            size_t at = out.err.find(std::string("  ") + option);
-            ASSERT_NE(at, std::string::npos) << option;
-            EXPECT_GT(at, last) << option << " is out of order";
-            last = at;
+        for (const char* text : {"-a<",
+                                 "-b ",
+                                 "-c<",
+                                 "(default 53)",
+                                 "-d<",
+                                 "/dev/mux.ttyACM0/qorvi",
+                                 "-e<",
+                                 "-f ",
+                                 "-h ",
+                                 "-m<",
+                                 "-o ",
+                                 "-p[",
+                                 "(default 32768)",
+                                 "-r1,",
+                                 "(defaults 50 and 60)",
+                                 "-r0 ",
+                                 "-s<",
+                                 "Send the given ZOS script.",
+                                 "-t ",
+                                 "Disable the target crash check when a part failure is detected.",
+                                 "-v<",
+                                 "-x ",
+                                 "\".zom\" extension"}) {
+            size_t at = out.err.find(text, last);
+            EXPECT_NE(at, std::string::npos) << text << " missing or out of order";
+            last = at == std::string::npos ? last : at;
         }
     }
 }
@@ -175,6 +191,25 @@ TEST(CommandLine, InterfaceDefinitionFileWithoutMatch) {
         << missing.err;
     EXPECT_NE(missing.err.find("Error 0(14):No port detected matching specification (from file)."),
               std::string::npos);
+}
+
+TEST(CommandLine, InterfaceDefinitionFileFindsTheDetectedPort) {
+    zavra_test::TempDir dir;
+    const std::string file = dir.File("modem.txt");
+    // The second line matches the mocked modem's interface 00 (/dev/ttyACM0 of the first
+    // modem); it wins over the first line, which matches nothing.
+    ASSERT_TRUE(zavra_test::WriteFile(file, "VID=ffff,PID=0001,MI=00\n"
+                                            "Vid=1e2d, pid=0061, mi=00\n"));
+    Outcome out = RunTool({file, "-o"}, true);
+    EXPECT_NE(out.err.find("Using /dev/ttyACM"), std::string::npos) << out.err;
+    EXPECT_NE(out.err.find(" (Zavra ZM200 Modem).\n"), std::string::npos) << out.err;
+    // The port the file named is the one the tool then opens.
+    size_t at = out.err.find("Using ");
+    ASSERT_NE(at, std::string::npos);
+    std::string port = out.err.substr(at + 6, out.err.find(' ', at + 6) - at - 6);
+    EXPECT_NE(out.err.find("Failed to open the serial logging interface '" + port + "'."),
+              std::string::npos)
+        << out.err;
 }
 
 } // namespace

@@ -111,26 +111,5 @@ TEST(SocketClient, ClientThatStopsReadingNeverStallsTheCapture) {
     EXPECT_NE(err.find("Socket client missed "), std::string::npos) << err;
 }
 
-TEST(SocketClient, PortInUseIsFatal) {
-    Bench bench;
-    bench.StartModem();
-    int port = zavra_test::FreeTcpPort();
-    zavra_test::Process first;
-    StartTool(first, {"-d" + bench.Port(), "-t", "-v5", "-p" + std::to_string(port), bench.Out()});
-    ASSERT_TRUE(first.WaitForStderr("Waiting for socket client connection.", 10000));
-    // The first tool listens on the port; a second one cannot serve it too.
-    zavra_test::Process second;
-    StartTool(second, {"-d/dev/null", "-t", "-p" + std::to_string(port), bench.Out()});
-    ExpectExit(second, 0);
-    EXPECT_NE(second.Stderr().find("Error 0(13):Failed to open server socket for connections.\n"),
-              std::string::npos)
-        << second.Stderr();
-    int client = zavra_test::ConnectTcp(port, 10000);
-    ASSERT_GE(client, 0);
-    close(client);
-    first.Signal(SIGTERM);
-    ExpectExit(first, 15);
-}
-
 } // namespace
 } // namespace apptest

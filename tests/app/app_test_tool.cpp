@@ -1,5 +1,6 @@
 #include "app_test_tool.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 
@@ -55,36 +56,18 @@ void ExpectExit(zavra_test::Process& tool, int status, int timeoutMs) {
 }
 
 std::string CompareFiles(const std::string& a, const std::string& b, long long size) {
-    FILE* fa = fopen(a.c_str(), "rb");
-    FILE* fb = fopen(b.c_str(), "rb");
-    std::string result;
-    if (fa == nullptr || fb == nullptr) {
-        result = "cannot open " + std::string(fa == nullptr ? a : b);
-    } else {
-        std::vector<char> ba(1 << 20), bb(1 << 20);
-        long long offset = 0;
-        while (offset < size && result.empty()) {
-            size_t want = static_cast<size_t>(std::min<long long>(size - offset, 1 << 20));
-            size_t ga = fread(ba.data(), 1, want, fa);
-            size_t gb = fread(bb.data(), 1, want, fb);
-            for (size_t i = 0; i < std::min(ga, gb); ++i)
-                if (ba[i] != bb[i]) {
-                    result = "first difference at offset " + std::to_string(offset + i);
-                    break;
-                }
-            if (result.empty() && (ga != want || gb != want))
-                result = "a file ends early near offset " + std::to_string(offset);
-            offset += static_cast<long long>(want);
-        }
-    }
-    if (fa != nullptr)
-        fclose(fa);
-    if (fb != nullptr)
-        fclose(fb);
-    return result;
+    std::string da = zavra_test::ReadFile(a), db = zavra_test::ReadFile(b);
+    size_t n = static_cast<size_t>(size);
+    if (da.size() < n || db.size() < n)
+        return "a file is shorter than " + std::to_string(size) + " bytes";
+    auto diff = std::mismatch(da.begin(), da.begin() + size, db.begin());
+    return diff.first == da.begin() + size
+               ? ""
+               : "first difference at offset " + std::to_string(diff.first - da.begin());
 }
 
 std::vector<zsim::HostRecord> RecordsAfterOpen(const zsim::Modem& modem, unsigned openId) {
+    modem.WaitForHostQuiet(150, 3000); // what the tool wrote just before it exited
     std::vector<zsim::HostRecord> all = modem.Records();
     std::vector<zsim::HostRecord> after;
     bool open = false;

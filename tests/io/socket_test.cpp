@@ -69,11 +69,8 @@ TEST(Socket, PeerAddressesInNetworkOrder) {
                   [&] { return connect(raw, reinterpret_cast<sockaddr*>(&to), sizeof(to)) == 0; });
     EXPECT_EQ("127.0.0.7", accepted.GetPeerAddress());
     close(raw);
-
-    Pair pair;
-    EXPECT_EQ("127.0.0.1", pair.near.GetPeerAddress());
-    pair.near.Close();
-    EXPECT_EQ("", pair.near.GetPeerAddress());
+    accepted.Close();
+    EXPECT_EQ("", accepted.GetPeerAddress());
 }
 
 TEST(Socket, OpenFailures) {
@@ -106,12 +103,10 @@ TEST(Socket, OpenFailures) {
     ZvSocket::CloseSocketServer(bound);
 }
 
-TEST(Socket, WaitResultsAndMessages) {
+TEST(Socket, WaitsAndNonBlockingModes) {
     ZvSocket closed;
     EXPECT_EQ(-1, closed.Wait(ZvSocket::kWaitRead, 0));
     EXPECT_EQ("Wait failed as socket not open.", closed.GetLastMessage());
-    EXPECT_EQ(0, closed.Read(nullptr, 10));
-    EXPECT_EQ(0, closed.Write("x", 1));
 
     Pair pair;
     const unsigned start = ZvTime::GetMsTickTime();
@@ -130,16 +125,25 @@ TEST(Socket, WaitResultsAndMessages) {
     EXPECT_EQ(-1, pair.far.Read(buffer, sizeof(buffer)));
     EXPECT_EQ(EAGAIN, errno);
     ASSERT_TRUE(pair.far.SetBlocking(true));
+
+    // A peer that never reads: a non-blocking write drops with EAGAIN instead of waiting.
+    char block[65536] = {};
+    int result = 0;
+    for (int i = 0; i < 1000 && result >= 0; ++i)
+        result = pair.far.WriteNonBlocking(block, sizeof(block));
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(EAGAIN, errno);
+    EXPECT_TRUE(pair.far.IsOpen());
 }
 
 TEST(Socket, SplitWaitTimesOutAbortsAndSeesData) {
     Pair pair;
     bool abort = false;
     unsigned start = ZvTime::GetMsTickTime();
-    EXPECT_EQ(0, pair.far.SplitWait(ZvSocket::kWaitRead, 1000, abort, 300));
-    EXPECT_GE(Elapsed(start), 950u);
+    EXPECT_EQ(0, pair.far.SplitWait(ZvSocket::kWaitRead, 400, abort, 150));
+    EXPECT_GE(Elapsed(start), 380u);
     EXPECT_LT(Elapsed(start), 3000u);
-    EXPECT_EQ("Wait on socket timed out (1000ms).", pair.far.GetLastMessage());
+    EXPECT_EQ("Wait on socket timed out (400ms).", pair.far.GetLastMessage());
 
     start = ZvTime::GetMsTickTime();
     std::thread aborter([&] {
@@ -181,23 +185,6 @@ TEST(Socket, PeerLeavingMidReadAndAfterwards) {
     EXPECT_TRUE(errno == EPIPE || errno == ECONNRESET) << errno;
 }
 
-TEST(Socket, NonBlockingWriteDropsWhenPeerIsFull) {
-    Pair pair; // the peer never reads
-    char block[65536] = {};
-    long long accepted = 0;
-    int result = 0;
-    for (int i = 0; i < 1000; ++i) {
-        result = pair.far.WriteNonBlocking(block, sizeof(block));
-        if (result < 0)
-            break;
-        accepted += result;
-    }
-    EXPECT_EQ(-1, result);
-    EXPECT_EQ(EAGAIN, errno);
-    EXPECT_GT(accepted, 0);
-    EXPECT_TRUE(pair.far.IsOpen());
-}
-
 TEST(Socket, CloseWhileAnotherThreadWrites) {
     Pair pair;
     std::atomic<bool> stop{false};
@@ -217,15 +204,4 @@ TEST(Socket, CloseWhileAnotherThreadWrites) {
     stop = true;
     writer.join();
     drain.join(); // the shutdown ended the peer's stream
-}
-
-TEST(Socket, WaitForDataKeepsOnlyReadySockets) {
-    Pair a, b;
-    b.near.Write("q", 1);
-    ZvSocket* sockets[3] = {&a.far, nullptr, &b.far};
-    EXPECT_EQ(1, ZvSocket::WaitForData(sockets, 3));
-    EXPECT_EQ(nullptr, sockets[0]);
-    EXPECT_EQ(&b.far, sockets[2]);
-    EXPECT_TRUE(b.far.IsDataReady());
-    EXPECT_FALSE(a.far.IsDataReady());
 }

@@ -1,0 +1,177 @@
+// Database extraction end to end: the real tool against the simulated modem's database server on
+// a pseudo-terminal, in every fault mode the server offers.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include "tgtdb_wire.h"
+#include "zavra_test_files.h"
+#include "zavra_test_process.h"
+#include "zsim-modem.h"
+
+using namespace tgtdb_test;
+
+namespace {
+
+const char* const kRetry = "Target database extraction failed, retrying.";
+const char* const kComplete = "Target database extraction complete.";
+const char* const kHashTimeOut = "Target database extraction timed out while waiting for hash data";
+const char* const kStartTimeOut =
+    "Target database extraction timed out while waiting for the start of file data";
+
+// A legacy record with an empty body (the close message) or one zero word (the requests).
+Bytes Message(uint32_t id, uint32_t kor, bool request) {
+    Bytes out = {0x7F, 0x80,        0x7F,
+                 0x80, 0,           0,
+                 0,    0,           uint8_t(request ? 4 : 3),
+                 0,    uint8_t(id), uint8_t(id >> 8 | kor << 7)};
+    out.insert(out.end(), request ? 4 : 0, 0);
+    return out;
+}
+
+class TgtDbE2eTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        output = dir.File("target.zx");
+        options.dir = dir.Path();
+        options.gen.enabled = false;
+        options.db.zxFile = dir.File("modem.zx");
+    }
+
+    // Starts the modem with a database of the given size, runs the tool to its end and returns
+    // its exit status.
+    int Run(size_t size, std::vector<std::string> extra = {}) {
+        database = Text(PatternData(size, unsigned(size)));
+        EXPECT_TRUE(zavra_test::WriteFile(options.db.zxFile, database));
+        if (!modem.Start(options)) {
+            ADD_FAILURE() << modem.Error();
+            return -1;
+        }
+        extra.insert(extra.begin(), {"-d" + modem.PortPath(), "-e" + output});
+        if (!tool.Start(ZAVRA_LOG_SERIAL_PATH, extra)) {
+            ADD_FAILURE() << tool.Error();
+            return -1;
+        }
+        if (!tool.Wait(20000)) {
+            tool.Kill();
+            ADD_FAILURE() << "the tool did not end: " << tool.Stderr();
+            return -1;
+        }
+        return tool.ExitCode();
+    }
+
+    bool Said(const std::string& text) const {
+        return tool.Stderr().find(text) != std::string::npos;
+    }
+
+    // The records the modem received, compared with the literal messages expected.
+    void ExpectReceived(const std::vector<Bytes>& expected) {
+        modem.WaitForHostQuiet(150, 3000); // what the tool wrote just before it exited
+        auto records = modem.Records();
+        ASSERT_EQ(records.size(), expected.size());
+        for (size_t i = 0; i < expected.size(); ++i) {
+            EXPECT_EQ(records[i].bytes, expected[i]) << "record " << i;
+        }
+    }
+
+    zavra_test::TempDir dir;
+    zavra_test::Process tool;
+    zsim::ModemOptions options;
+    zsim::Modem modem;
+    std::string output, database;
+};
+
+TEST_F(TgtDbE2eTest, DatabaseArrivesByteForByteAfterLiteralRequests) {
+    options.db.chunkSize = 2045; // odd sizes: every data record carries padding
+    ASSERT_TRUE(zavra_test::WriteFile(output, std::string(100000, 'x'))); // replaced
+    EXPECT_EQ(Run(300 * 1024 + 17), 0) << zavra_test::Describe(tool);
+    EXPECT_TRUE(zavra_test::ReadFile(output) == database);
+    EXPECT_TRUE(Said(kComplete)) << tool.Stderr();
+    EXPECT_FALSE(Said("Waiting for sends to complete")) << "extraction skips the exit drain";
+    // Only the close message at start-up, the two requests, and the close message at exit.
+    ExpectReceived({Message(0x36, 0, false), Message(0x36, 1, false), Message(0x3C, 1, true),
+                    Message(0x3E, 1, true), Message(0x36, 0, false), Message(0x36, 1, false)});
+}
+
+TEST_F(TgtDbE2eTest, BaseIdOptionMovesEveryIdAndFullRecordsArrive) {
+    options.baseId = 0x1F8;
+    options.db.chunkSize = 20472; // the largest data record, and a size that divides exactly
+    EXPECT_EQ(Run(20472 * 12, {"-c0x1F8"}), 0) << zavra_test::Describe(tool);
+    EXPECT_TRUE(zavra_test::ReadFile(output) == database);
+    ExpectReceived({Message(0x1F9, 0, false), Message(0x1F9, 1, false), Message(0x1FF, 1, true),
+                    Message(0x201, 1, true), Message(0x1F9, 0, false), Message(0x1F9, 1, false)});
+}
+
+TEST_F(TgtDbE2eTest, LayoutBConfirmsAmongLogRecordsAndGarbage) {
+    options.db.layout = zsim::Layout::B;
+    options.db.chunkSize = 3001;
+    options.db.interleaveRecords = 3;
+    options.db.interleaveGarbage = 41;
+    EXPECT_EQ(Run(200 * 1024), 0) << zavra_test::Describe(tool);
+    EXPECT_TRUE(zavra_test::ReadFile(output) == database);
+}
+
+TEST_F(TgtDbE2eTest, SecondAttemptCompletesTheFile) {
+    options.db.fault = zsim::DbFault::SecondAttemptOnly;
+    EXPECT_EQ(Run(100 * 1024), 0) << zavra_test::Describe(tool);
+    EXPECT_TRUE(Said(kRetry) && Said(kComplete)) << tool.Stderr();
+    EXPECT_TRUE(zavra_test::ReadFile(output) == database);
+    EXPECT_EQ(modem.Counters().hashRequests, 2u);
+}
+
+// Each fault of the server: status 51 after one retry, the reason on standard error, no file
+// left (not even the one that was there before).
+struct FaultCase {
+    zsim::DbFault fault;
+    const char* message;
+    unsigned hashRequests, dataRequests;
+};
+
+// Names the case in test listings by its fault.
+void PrintTo(const FaultCase& c, std::ostream* out) {
+    *out << zsim::DbFaultName(c.fault);
+}
+
+class TgtDbFaultTest : public TgtDbE2eTest, public ::testing::WithParamInterface<FaultCase> {};
+
+TEST_P(TgtDbFaultTest, EndsWithStatus51AndNoFile) {
+    options.db.fault = GetParam().fault;
+    options.db.faultBytes = 100;
+    options.db.chunkSize = 1000;
+    ASSERT_TRUE(zavra_test::WriteFile(output, "an older database"));
+    EXPECT_EQ(Run(10000), 51) << zavra_test::Describe(tool);
+    EXPECT_TRUE(Said(kRetry) && Said(GetParam().message)) << tool.Stderr();
+    EXPECT_FALSE(Said(kComplete));
+    EXPECT_FALSE(zavra_test::FileExists(output));
+    EXPECT_EQ(modem.Counters().hashRequests, GetParam().hashRequests);
+    EXPECT_EQ(modem.Counters().dataRequests, GetParam().dataRequests);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Server, TgtDbFaultTest,
+    ::testing::Values(
+        FaultCase{zsim::DbFault::Silence, kHashTimeOut, 2, 0},
+        FaultCase{zsim::DbFault::HashStatus, kHashTimeOut, 2, 0},
+        FaultCase{zsim::DbFault::HashZero, kHashTimeOut, 2, 0},
+        FaultCase{zsim::DbFault::Oversize, kHashTimeOut, 2, 0},
+        FaultCase{zsim::DbFault::SilenceData, kStartTimeOut, 2, 2},
+        FaultCase{zsim::DbFault::DataStatus, kStartTimeOut, 2, 2},
+        FaultCase{zsim::DbFault::ShortData, "Target database incomplete, expected 10000, got 9900.",
+                  2, 2},
+        FaultCase{zsim::DbFault::TooMuchData,
+                  "Target database extraction failed, received more data than expected (10000, ", 2,
+                  2}));
+
+TEST_F(TgtDbE2eTest, OutputThatCannotBeRemovedStopsBeforeThePortIsUsed) {
+    // A non-empty directory under the database name cannot be removed, not even by root.
+    ASSERT_EQ(mkdir(output.c_str(), 0755), 0);
+    ASSERT_TRUE(zavra_test::WriteFile(output + "/keep", "x"));
+    int status = Run(1000);
+    EXPECT_TRUE(status != 0 && status != 51) << zavra_test::Describe(tool);
+    EXPECT_TRUE(Said("Failed to configure target database extraction '" + output + "'"))
+        << tool.Stderr();
+    EXPECT_TRUE(zavra_test::FileExists(output + "/keep"));
+    EXPECT_TRUE(modem.Records().empty());
+}
+
+} // namespace
