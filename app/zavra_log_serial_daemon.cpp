@@ -72,12 +72,10 @@ void ZlbsDaemonPortFailed(Zlbs&) {
     Store().PortFailureDetected();
 }
 
-void ZlbsDaemonExit(Zlbs&) {}
-
 void ZlbsDaemonCrashFileName(Zlbs&, ZvAString& name) {
     Store().GetCrashFileName(name);
 }
 
-void ZlbsDaemonStop(Zlbs&) {
+void ZlbsDaemonExit(Zlbs&) {
     Store().Shutdown();
 }

@@ -11,10 +11,9 @@ class Zlbs;
 void ZlbsDaemonStart(Zlbs& app);
 // The port reader failed: the store is told and re-opens the port when it comes back.
 void ZlbsDaemonPortFailed(Zlbs& app);
-// The run is ending (OnExit, after the port was closed): the store closes its current file.
+// The run is ending (OnExit, after the port was closed): the store stops its threads, closes the
+// port again should its connect thread have re-opened it meanwhile, and closes the current log
+// file, with every byte received, and the journal.
 void ZlbsDaemonExit(Zlbs& app);
 // The base name for files about a target crash: the current log of the store.
 void ZlbsDaemonCrashFileName(Zlbs& app, ZvAString& name);
-// The end of a run: stops the store's threads, closes the port, and closes the current log file
-// with every byte received and the journal.
-void ZlbsDaemonStop(Zlbs& app);

@@ -68,8 +68,6 @@ void Zlbs::OnExit(int code) {
             OutputStats();
         serial.OnClose();
     }
-    if (args.daemonMode)
-        ZlbsDaemonStop(*this);
     rxNormal.CloseFile();
     if (args.daemonMode)
         ZlbsDaemonExit(*this);
