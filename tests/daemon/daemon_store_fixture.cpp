@@ -1,6 +1,7 @@
 #include "daemon_store_fixture.h"
 
-#include <ctime>
+#include <chrono>
+#include <thread>
 
 namespace daemon_test {
 
@@ -8,10 +9,8 @@ bool Store::Start(unsigned long long total, unsigned long long file) {
     ZvVer version(1, 8);
     if (!daemon.Initialise(dir.c_str(), total, file, version))
         return false;
-    for (int waited = 0; waited < 5000 && !daemon.IsPortOpen(); waited += 5) {
-        struct timespec pause = {0, 5 * 1000 * 1000};
-        nanosleep(&pause, nullptr);
-    }
+    for (int waited = 0; waited < 5000 && !daemon.IsPortOpen(); waited += 5)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     return daemon.IsPortOpen();
 }
 
