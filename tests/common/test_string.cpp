@@ -130,15 +130,15 @@ TEST_F(StringListFiles, LineEndingsSplitAsDocumented) {
 TEST_F(StringListFiles, SaveAppendAndLoadRoundTrip) {
     ZvAStringList list, loaded;
     list.SetDelimited("one,,three", ',');
-    ASSERT_TRUE(list.SaveToFile(Path("l").c_str()));
-    ASSERT_TRUE(list.AppendToFile(Path("l").c_str()));
-    EXPECT_EQ(Read(Path("l")), "one\n\nthree\none\n\nthree\n");
+    ASSERT_TRUE(list.SaveToFile("l"));
+    ASSERT_TRUE(list.AppendToFile("l"));
+    EXPECT_EQ(Read("l"), "one\n\nthree\none\n\nthree\n");
     loaded.Add("dropped");
-    ASSERT_TRUE(loaded.LoadFromFile(Path("l")));
-    EXPECT_TRUE(loaded.AppendFromFile(Path("l")));
+    ASSERT_TRUE(loaded.LoadFromFile("l"));
+    EXPECT_TRUE(loaded.AppendFromFile("l"));
     EXPECT_EQ(Bracketed(loaded), "[one][][three][one][][three][one][][three][one][][three]");
     // A missing file leaves one explanatory line instead of the contents.
-    EXPECT_FALSE(loaded.AppendFromFile(Path("missing")));
+    EXPECT_FALSE(loaded.AppendFromFile("missing"));
     EXPECT_EQ(Bracketed(loaded), "[Could not open file]");
 }
 
