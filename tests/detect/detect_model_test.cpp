@@ -2,13 +2,15 @@
 // display names are checked on detected devices (detect_udev_test).
 #include <gtest/gtest.h>
 
-#include "dump_text.h"
 #include "zv-device-detect.h"
 
 namespace {
 
 ZvAString DumpText(const ZvInterfaceInfo& info, const char* prefix) {
-    return PrintedBy([&](FILE* out) { info.Dump(out, prefix); });
+    ::testing::internal::CaptureStdout();
+    info.Dump(stdout, prefix);
+    fflush(stdout);
+    return ::testing::internal::GetCapturedStdout();
 }
 
 // Records keyed by one letter: type, function and USB details as given, vid and pid "v" and "p".

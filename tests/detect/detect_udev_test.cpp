@@ -9,7 +9,6 @@
 
 #include <vector>
 
-#include "dump_text.h"
 #include "zv-device-detect-linux.h"
 #include "zv-log.h"
 
@@ -25,7 +24,10 @@ public:
 };
 
 ZvAString DumpText(const ZvInterfaceTree& tree) {
-    return PrintedBy([&](FILE* out) { tree.Dump(out); });
+    ::testing::internal::CaptureStdout();
+    tree.Dump(stdout);
+    fflush(stdout);
+    return ::testing::internal::GetCapturedStdout();
 }
 
 class UdevDetect : public ::testing::Test {
