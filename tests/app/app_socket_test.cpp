@@ -2,7 +2,10 @@
 // exchange, and whatever it does (leave, stop reading) the file stays complete and the tool runs.
 #include <signal.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
+
+#include <thread>
 
 #include "app_test_tool.h"
 #include "zavra_test_net.h"
@@ -58,16 +61,29 @@ TEST(SocketClient, ReceivesTheWholeStream) {
     SocketRun run;
     run.bench.options.gen.enabled = true;
     run.bench.options.gen.stopAfterBytes = 4u << 20;
-    ASSERT_NO_FATAL_FAILURE(run.Start());
-    std::string got = zavra_test::ReadExactly(run.client, 4u << 20, 60000);
+    ASSERT_NO_FATAL_FAILURE(run.Start({"-v5"}));
+    // The client reads until the tool hangs up on it at exit.
+    std::string got;
+    std::thread reader([&] { got = zavra_test::ReadExactly(run.client, 8u << 20, 60000); });
+    ASSERT_TRUE(run.bench.modem.WaitForGeneratorDone(30000));
     ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
+    reader.join();
     run.bench.modem.FlushFiles();
     std::string sent = zavra_test::ReadFile(run.bench.Sent());
     ASSERT_EQ(sent.size(), 4u << 20);
-    EXPECT_TRUE(got == sent) << "client got " << got.size() << " bytes";
     EXPECT_TRUE(zavra_test::ReadFile(run.bench.Out()) == sent);
+    // A client that keeps up gets every byte. On a loaded machine even this one may fall behind:
+    // then the tool drops data for the client only, and accounts for every byte it dropped.
+    unsigned long long missed = 0;
+    size_t at = run.tool.Stderr().find("Socket client missed ");
+    if (at != std::string::npos)
+        missed = std::stoull(run.tool.Stderr().substr(at + 21));
+    EXPECT_EQ(got.size() + missed, sent.size()) << run.tool.Stderr();
+    if (missed == 0) {
+        EXPECT_TRUE(got == sent) << "client got " << got.size() << " bytes";
+    }
 }
 
 TEST(SocketClient, ClientLeavingMidStreamDisturbsNothing) {
