@@ -27,6 +27,5 @@ bool WriteFile(const std::string& path, const std::string& data);
 bool FileExists(const std::string& path);
 // Size in bytes, -1 when missing.
 long long FileSize(const std::string& path);
-void RemoveTree(const std::string& path);
 
 } // namespace zavra_test
