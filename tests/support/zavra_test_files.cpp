@@ -42,10 +42,6 @@ TempDir::~TempDir() {
         RemoveTree(m_path);
 }
 
-std::string TempDir::File(const std::string& name) const {
-    return m_path + "/" + name;
-}
-
 std::string ReadFile(const std::string& path) {
     std::string data;
     if (FILE* file = fopen(path.c_str(), "rb")) {
@@ -63,10 +59,6 @@ bool WriteFile(const std::string& path, const std::string& data) {
         return false;
     bool ok = fwrite(data.data(), 1, data.size(), file) == data.size();
     return fclose(file) == 0 && ok;
-}
-
-bool FileExists(const std::string& path) {
-    return FileSize(path) >= 0;
 }
 
 long long FileSize(const std::string& path) {

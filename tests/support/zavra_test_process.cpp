@@ -94,10 +94,6 @@ bool Process::Reap(bool block) {
     return true;
 }
 
-bool Process::Running() {
-    return m_pid > 0 && !Reap(false);
-}
-
 bool Process::Signal(int signalNumber) {
     return Running() && kill(m_pid, signalNumber) == 0;
 }

@@ -23,7 +23,7 @@ public:
     // Starts `path` with `args` (argv[1]...), standard output discarded. False, with the reason in
     // Error(), when the program cannot start.
     bool Start(const std::string& path, const std::vector<std::string>& args);
-    bool Running();
+    bool Running() { return m_pid > 0 && !Reap(false); }
     bool Signal(int signalNumber);
     // Waits until the child has ended and its standard error is drained; false on time-out.
     bool Wait(int timeoutMs);
