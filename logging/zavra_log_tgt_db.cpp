@@ -77,6 +77,7 @@ int ZlTgtDb::CheckProgress() {
     switch (m_state) {
     case StateStart:
         SendFileHashReq();
+        // A request that cannot be encoded would never be sent: fail rather than wait forever.
         return m_error.empty() ? ProgressRunning : Fail();
     case StateHashRequested:
         if (elapsed > kHashTimeoutMs) {
@@ -257,9 +258,9 @@ void ZlTgtDb::SendRequest(unsigned id, int state, const char* name) {
         m_error.Printf("Failed to encode the %s message.", name);
         return;
     }
-    // The time-outs run from the moment the request leaves.
+    // The progress time is left alone: the time-outs run from Configure, the restart or the
+    // confirm that made this request due.
     m_state = state;
-    m_progressTime = Now();
     Send(length, buffer);
 }
 

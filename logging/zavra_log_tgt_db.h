@@ -88,7 +88,8 @@ private:
     void ResetReader();
     bool WriteFile();
 
-    // The port's reader thread and the owner's progress checks meet here.
+    // The port's reader thread (OnNewData) and the owner's progress checks both change the
+    // state and the data buffer; without the lock a restart could free the buffer under a copy.
     std::recursive_mutex m_lock;
 
     bool m_active = false;

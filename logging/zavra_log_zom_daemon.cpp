@@ -34,12 +34,12 @@ size_t WriteAll(int fd, const unsigned char* data, size_t size, int& error) {
 ZlZomDaemon::ZlZomDaemon()
     : m_totalLimit(0), m_fileLimit(0), m_currentLogsSize(0), m_currentEntry(nullptr),
       m_firstSegmentEntry(nullptr), m_keepFirstSegment(false), m_bytesInCurrentFile(0),
-      m_segmentNumber(0), m_fileFd(-1), m_writeFailing(false), m_bytesNotWritten(0),
-      m_openFailing(false), m_openFailures(0), m_deleteFailing(false), m_journalFd(-1),
-      m_portOpen(false), m_connectThreadEnd(false), m_socketPort(-1), m_serverSocket(-1),
-      m_socketThreadEnd(false), m_shutDown(false), m_storeClosed(false), m_clientDropping(false),
-      m_droppedChunks(0), m_droppedBytes(0), m_runDroppedChunks(0), m_runDroppedBytes(0),
-      m_lastDropTick(0) {
+      m_segmentNumber(0), m_segmentsInLog(0), m_fileFd(-1), m_writeFailing(false),
+      m_bytesNotWritten(0), m_openFailing(false), m_openFailures(0), m_deleteFailing(false),
+      m_journalFd(-1), m_portOpen(false), m_connectThreadEnd(false), m_socketPort(-1),
+      m_serverSocket(-1), m_socketThreadEnd(false), m_shutDown(false), m_storeClosed(false),
+      m_clientDropping(false), m_droppedChunks(0), m_droppedBytes(0), m_runDroppedChunks(0),
+      m_runDroppedBytes(0), m_lastDropTick(0) {
     m_connectSema.Create(0);
     m_socketSema.Create(0);
 }
@@ -169,6 +169,7 @@ void ZlZomDaemon::NewLogData(unsigned char* data, unsigned size) {
         if (m_fileFd < 0) {
             m_logName = ZvTime::GetReverseTimeString();
             m_segmentNumber = 0;
+            m_segmentsInLog = 0;
             m_bytesInCurrentFile = 0;
             m_firstSegmentEntry = nullptr;
         }
@@ -207,6 +208,8 @@ void ZlZomDaemon::NewLogData(unsigned char* data, unsigned size) {
 }
 
 void ZlZomDaemon::MakeRoom() {
+    // Only closed files are deleted: the file being written is the newest data, and once it is
+    // the only one left a retry could never succeed and would hold up the port reader for good.
     while (m_currentLogsSize > m_totalLimit && HasClosedFile()) {
         if (DeleteOldestFileLocked()) {
             if (m_deleteFailing) {
@@ -247,6 +250,9 @@ void ZlZomDaemon::OpenNextFile() {
         // earlier run) gets the same name: add to that file rather than truncate it.
         append = PathInList(path);
     } else {
+        // Likewise a repeated name must not truncate earlier segments: the numbers continue
+        // after the ones already in the directory.
+        ++m_segmentsInLog;
         do {
             name.Printf("daemon_%s_%03u.zom", m_logName.c_str(), m_segmentNumber);
             ++m_segmentNumber;
@@ -291,7 +297,8 @@ void ZlZomDaemon::OpenNextFile() {
 }
 
 void ZlZomDaemon::ApplyKeepFirstSegment() {
-    if (m_segmentNumber <= 2 || m_files.size() < 2)
+    // From the third segment of the log on; counted per log, as the numbers may not start at 000.
+    if (m_segmentsInLog <= 2 || m_files.size() < 2)
         return;
     const size_t count = m_files.size();
     if (m_files[count - 2].get() == m_firstSegmentEntry) {
@@ -311,6 +318,8 @@ void ZlZomDaemon::WriteToFile(const unsigned char* data, unsigned size) {
         m_currentLogsSize -= std::min<unsigned long long>(size, m_currentLogsSize);
         return;
     }
+    // Straight to the descriptor, no user-space buffer: every byte handed over is in the file
+    // at once, whatever way the process ends.
     int error;
     const size_t written = WriteAll(m_fileFd, data, size, error);
     if (written == size) {

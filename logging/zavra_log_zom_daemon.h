@@ -11,8 +11,10 @@
 // - The socket thread accepts clients, calls SendPort with what they send and
 //   SocketClientDisconnect when they leave.
 // - PortFailureDetected, GetCrashFileName and Shutdown come from the tool's main thread.
-// The file state is guarded by one lock, the client socket by another, the journal by a third;
-// a client send never blocks, so a slow client never holds up the store.
+// The file state is guarded by one lock, the client socket by another, the journal by a third:
+// the connect thread closes the current file while the reader may be writing to it, and an
+// unguarded descriptor could be closed, reused by the re-opened port and written to. A client
+// send never blocks, so a slow client never holds up the store.
 #pragma once
 
 #include <atomic>
@@ -146,6 +148,9 @@ private:
     unsigned long long m_bytesInCurrentFile;
     ZvAString m_logName;
     unsigned m_segmentNumber;
+    // Segments opened for the current log. Equals m_segmentNumber unless the log's name repeats
+    // an earlier one and its numbers continue from there.
+    unsigned m_segmentsInLog;
     int m_fileFd;
     std::mutex m_storeLock;
 

@@ -15,6 +15,7 @@ const unsigned kShutdownGraceMs = 2000;
 const unsigned kEndWaitMs = 200;
 const unsigned kOpenRetryMs = 1000;
 const unsigned kAcceptRetryMs = 200;
+const unsigned kAcceptRetryStepMs = 20;
 const unsigned kCaughtUpMs = 1000;
 } // namespace
 
@@ -104,9 +105,12 @@ void ZlZomDaemon::SocketThread() {
                 continue;
             }
             LogText("Failed to listen for socket connection (%d).", errno);
-            // A pause that an end request cuts short; a post taken here is put back.
-            if (m_socketSema.Wait(kAcceptRetryMs))
-                m_socketSema.Post();
+            // A pause in short steps that an end request cuts short. The semaphore is left
+            // alone: a post taken and put back here would make this pause return at once, again
+            // and again, for as long as accepting fails.
+            for (unsigned slept = 0; slept < kAcceptRetryMs && !m_socketThreadEnd;
+                 slept += kAcceptRetryStepMs)
+                ZvTime::Sleep(kAcceptRetryStepMs);
         }
     }
 }
