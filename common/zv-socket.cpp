@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,6 +16,24 @@ void SetBufferSizes(int fd, int rcvBuf, int sndBuf) {
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &rcvBuf, sizeof(rcvBuf));
     if (sndBuf != 0)
         setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &sndBuf, sizeof(sndBuf));
+}
+
+// A connect interrupted by a signal goes on in the background; starting it again may report it
+// as already in progress or already connected. Wait for it to end and take its outcome.
+int FinishInterruptedConnect(int fd) {
+    pollfd writable = {fd, POLLOUT, 0};
+    int ready;
+    do {
+        ready = poll(&writable, 1, -1);
+    } while (ready < 0 && errno == EINTR);
+    if (ready < 0)
+        return -1;
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0)
+        return -1;
+    errno = error;
+    return error == 0 ? 0 : -1;
 }
 
 } // namespace
@@ -120,10 +139,9 @@ bool ZvSocket::OpenClient(int port, unsigned long address, int rcvBuf, int sndBu
     server.sin_family = AF_INET;
     server.sin_addr.s_addr = static_cast<in_addr_t>(address);
     server.sin_port = htons(static_cast<uint16_t>(port));
-    int result;
-    do {
-        result = connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof(server));
-    } while (result != 0 && errno == EINTR);
+    int result = connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof(server));
+    if (result != 0 && errno == EINTR)
+        result = FinishInterruptedConnect(fd);
     if (result != 0) {
         m_lastMessage.Printf("Failed to connect to socket (%d).", errno);
         close(fd);

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <sys/stat.h>
 
 const char* const kZvWhitespace = " \t\f\v\r\n";
 
@@ -51,9 +51,15 @@ int ZvAString::Vprintf(const char* format, va_list args) {
         clear();
         return needed;
     }
-    std::vector<char> buffer(static_cast<size_t>(needed) + 2);
-    int written = vsnprintf(buffer.data(), buffer.size(), format, args);
-    assign(buffer.data(), written < 0 ? 0 : static_cast<size_t>(written));
+    const size_t bufferSize = static_cast<size_t>(needed) + 2;
+    char* buffer = static_cast<char*>(malloc(bufferSize));
+    if (buffer == nullptr) {
+        clear(); // no memory for the text: an empty result rather than an abort
+        return 0;
+    }
+    int written = vsnprintf(buffer, bufferSize, format, args);
+    assign(buffer, written < 0 ? 0 : static_cast<size_t>(written));
+    free(buffer);
     return written;
 }
 
@@ -169,15 +175,25 @@ bool ZvAString::LoadFromFile(const char* path) {
     FILE* file = path == nullptr ? nullptr : fopen(path, "rb");
     if (file == nullptr)
         return false;
+    // A directory opens for reading, and some file systems report the largest offset as its
+    // size: refuse it before allocating for that size.
+    struct stat info;
+    if (fstat(fileno(file), &info) != 0 || S_ISDIR(info.st_mode)) {
+        fclose(file);
+        return false;
+    }
     fseek(file, 0, SEEK_END);
     long size = ftell(file);
     fseek(file, 0, SEEK_SET);
-    ZvAString content;
-    if (size > 0) {
-        content.resize(static_cast<size_t>(size));
-        content.resize(fread(&content[0], 1, content.size(), file));
+    // Allocated without aborting: a file too large to hold leaves the string unchanged.
+    char* buffer = size > 0 ? static_cast<char*>(malloc(static_cast<size_t>(size))) : nullptr;
+    if (size > 0 && buffer == nullptr) {
+        fclose(file);
+        return false;
     }
+    const size_t got = buffer == nullptr ? 0 : fread(buffer, 1, static_cast<size_t>(size), file);
     fclose(file);
-    swap(content);
+    assign(buffer == nullptr ? "" : buffer, got);
+    free(buffer);
     return true;
 }

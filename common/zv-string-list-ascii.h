@@ -2,7 +2,10 @@
 // delimiter splitter.
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
+#include <sys/stat.h>
 #include <vector>
 
 #include "zv-string-ascii.h"
@@ -130,6 +133,11 @@ private:
     }
 
     bool AppendLines(FILE* file) {
+        // A directory opens for reading, and some file systems report the largest offset as
+        // its size: refuse it before allocating for that size.
+        struct stat info;
+        if (fstat(fileno(file), &info) != 0 || S_ISDIR(info.st_mode))
+            return false;
         if (fseek(file, 0, SEEK_END) != 0)
             return false;
         long size = ftell(file);
@@ -138,11 +146,18 @@ private:
         if (size < 0)
             return false;
         fseek(file, 0, SEEK_SET);
-        std::vector<Char> buffer(static_cast<size_t>(size) + 1, 0);
-        if (fread(buffer.data(), 1, static_cast<size_t>(size), file) < static_cast<size_t>(size))
+        // Allocated without aborting: a size that cannot be held is a failed read.
+        const size_t length = static_cast<size_t>(size);
+        Char* buffer = length < SIZE_MAX / sizeof(Char)
+                           ? static_cast<Char*>(calloc(length + 1, sizeof(Char)))
+                           : nullptr;
+        if (buffer == nullptr)
             return false;
-        AppendFromText(buffer.data());
-        return true;
+        const bool whole = fread(buffer, sizeof(Char), length, file) == length;
+        if (whole)
+            AppendFromText(buffer);
+        free(buffer);
+        return whole;
     }
 
     std::vector<Str*> m_items;
