@@ -48,6 +48,9 @@ int QoZolKorOfSyncB(unsigned sync24) {
 }
 
 QoZolRecordTag* QoZolRecordTag::Create(unsigned capacity, unsigned syncWord) {
+    // A capacity that cannot be rounded up within 32 bits can never be allocated.
+    if (capacity > ~3u)
+        return nullptr;
     capacity = (capacity + 3u) & ~3u;
     QoZolRecordTag* r = Allocate(capacity);
     if (r == nullptr)
@@ -181,14 +184,14 @@ bool QoZolRecordTag::SetHeader(const QoZolHeaderBytesTag& header) {
             ZvLog::Warning("%s:%d, Invalid sync number 0x%08X.", "SetHeader", __LINE__, m_syncWord);
     }
     const unsigned total = header.lengthWords * 4u;
-    // A length below 12 + padding, or a body over the limit, is as unusable as one that does not
-    // fit: leave the record empty rather than with a wrapped size.
-    if (total > m_capacity + kQoZolHeaderSize || total < kQoZolHeaderSize + m_padding ||
-        total - kQoZolHeaderSize - m_padding > kQoZolMaxBody) {
+    if (total > static_cast<unsigned long long>(m_capacity) + kQoZolHeaderSize) {
         SetBodySize(0);
         return false;
     }
+    // The sizes are taken as decoded even when the body is refused: a length below 3 + padding
+    // words wraps the body size far above the limit, so one test rejects both. Callers use the
+    // record only after a true result.
     m_totalSize = total;
     m_bodySize = total - kQoZolHeaderSize - m_padding;
-    return true;
+    return m_bodySize <= kQoZolMaxBody;
 }

@@ -72,7 +72,8 @@ struct QoZolRecordTag {
     void SetKor(unsigned kor);
     void SetTime(unsigned long long t);
     // Copies the 12 bytes in and decodes them. False when the length field does not fit the
-    // capacity (the record is then emptied) or the body would exceed kQoZolMaxBody.
+    // capacity (the record is then emptied) or the body would exceed kQoZolMaxBody (the sizes
+    // then hold the refused values; use the record only after a true result).
     bool SetHeader(const QoZolHeaderBytesTag& header);
 
     // The whole record (header, body, padding): GetTotalSize() bytes.

@@ -107,7 +107,8 @@ TEST(QoZolRecord, SetHeaderRejectsOversizeAndTooShortLengths) {
     RecordPtr r(QoZolRecordTag::Create(20480 + 64, 0x807F807F));
     // 5124 words with padding 3: body 20481, fits the capacity but exceeds the body limit.
     EXPECT_FALSE(SetHeader(r, {0x7F, 0x80, 0x7F, 0x80, 0, 0, 0, 0, 0x04, 0x14, 0, 0x60}));
-    EXPECT_EQ(r->GetTotalSize(), 12u);
+    EXPECT_EQ(r->GetBodySize(), 20481u);
+    EXPECT_EQ(r->GetTotalSize(), 20496u);
     // 5123 words, no padding: body exactly 20480.
     EXPECT_TRUE(SetHeader(r, {0x7F, 0x80, 0x7F, 0x80, 0, 0, 0, 0, 0x03, 0x14, 0, 0}));
     EXPECT_EQ(r->GetBodySize(), 20480u);
