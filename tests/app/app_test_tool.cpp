@@ -7,27 +7,21 @@
 namespace apptest {
 
 Bytes Hex(const char* text) {
+    std::string digits;
+    for (const char* p = text; *p != 0; ++p)
+        if (isxdigit(static_cast<unsigned char>(*p)))
+            digits += *p;
     Bytes out;
-    int high = -1;
-    for (const char* p = text; *p != 0; ++p) {
-        if (!isxdigit(static_cast<unsigned char>(*p)))
-            continue;
-        int nibble = isdigit(static_cast<unsigned char>(*p)) ? *p - '0' : (tolower(*p) - 'a' + 10);
-        if (high < 0) {
-            high = nibble;
-        } else {
-            out.push_back(static_cast<uint8_t>(high << 4 | nibble));
-            high = -1;
-        }
-    }
+    for (size_t i = 0; i + 1 < digits.size(); i += 2)
+        out.push_back(static_cast<uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
     return out;
 }
 
 std::string ToHex(const Bytes& bytes) {
     std::string text;
-    char part[4];
+    char part[3];
     for (uint8_t b : bytes) {
-        snprintf(part, sizeof part, "%02X ", b);
+        snprintf(part, sizeof part, "%02X", b);
         text += part;
     }
     return text;
@@ -55,15 +49,13 @@ void ExpectExit(zavra_test::Process& tool, int status, int timeoutMs) {
     EXPECT_EQ(tool.ExitCode(), status) << zavra_test::Describe(tool);
 }
 
-std::string CompareFiles(const std::string& a, const std::string& b, long long size) {
-    std::string da = zavra_test::ReadFile(a), db = zavra_test::ReadFile(b);
-    size_t n = static_cast<size_t>(size);
-    if (da.size() < n || db.size() < n)
-        return "a file is shorter than " + std::to_string(size) + " bytes";
-    auto diff = std::mismatch(da.begin(), da.begin() + size, db.begin());
-    return diff.first == da.begin() + size
-               ? ""
-               : "first difference at offset " + std::to_string(diff.first - da.begin());
+void ExpectCaptured(const std::string& file, Bench& bench, uint64_t size) {
+    bench.modem.FlushFiles();
+    const std::string got = zavra_test::ReadFile(file), sent = zavra_test::ReadFile(bench.Sent());
+    ASSERT_EQ(got.size(), size);
+    ASSERT_GE(sent.size(), size);
+    auto diff = std::mismatch(got.begin(), got.end(), sent.begin());
+    EXPECT_TRUE(diff.first == got.end()) << "first difference at " << diff.first - got.begin();
 }
 
 std::vector<zsim::HostRecord> RecordsAfterOpen(const zsim::Modem& modem, unsigned openId) {

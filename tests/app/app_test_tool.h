@@ -14,7 +14,7 @@ namespace apptest {
 
 using Bytes = std::vector<uint8_t>;
 
-// Bytes from a hex text such as "7F 80 7F 80 00 00"; blanks are ignored.
+// Bytes from a hex text such as "7F 80 7F 80 00 00", and back; blanks are ignored.
 Bytes Hex(const char* text);
 std::string ToHex(const Bytes& bytes);
 
@@ -37,8 +37,8 @@ void StartTool(zavra_test::Process& tool, const std::vector<std::string>& args);
 // Waits for the tool to end; fails the test when it does not within the time-out.
 void ExpectExit(zavra_test::Process& tool, int status, int timeoutMs = 20000);
 
-// Compares the first `size` bytes of two files; describes the first difference, empty if none.
-std::string CompareFiles(const std::string& a, const std::string& b, long long size);
+// The file holds exactly the first `size` bytes the modem sent.
+void ExpectCaptured(const std::string& file, Bench& bench, uint64_t size);
 
 // The host records after the tool's start-up exchange: the records that arrived after the
 // second OS_LOG_CHANNEL_OPEN (KOR 1).

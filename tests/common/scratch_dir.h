@@ -1,4 +1,4 @@
-// A fresh directory per test, removed with its contents afterwards.
+// A fresh current directory per test, removed with its contents afterwards.
 #pragma once
 
 #include <cstdlib>
@@ -13,16 +13,18 @@ protected:
         char pattern[] = "/tmp/zv_common_XXXXXX";
         ASSERT_NE(mkdtemp(pattern), nullptr);
         m_dir = pattern;
+        ASSERT_TRUE(ZvFileUtil::GetCwd(m_savedCwd));
+        ASSERT_TRUE(ZvFileUtil::ChDir(pattern));
+        ASSERT_TRUE(ZvFileUtil::GetCwd(m_dir)); // the resolved form, as getcwd reports it
     }
-    void TearDown() override { ZvFileUtil::DeleteDir(m_dir.c_str(), true); }
-
-    // The absolute path of `name` inside the directory.
-    ZvAString Path(const char* name) const { return m_dir + "/" + name; }
-    // Writes `content` to `name` and returns the path.
-    ZvAString Write(const char* name, const ZvAString& content) const {
-        ZvAString path = Path(name);
-        EXPECT_TRUE(content.SaveToFile(path.c_str()));
-        return path;
+    void TearDown() override {
+        EXPECT_TRUE(ZvFileUtil::ChDir(m_savedCwd.c_str()));
+        ZvFileUtil::DeleteDir(m_dir.c_str(), true);
+    }
+    // Writes `content` to `name` and returns the name.
+    static ZvAString Write(const char* name, const ZvAString& content) {
+        EXPECT_TRUE(content.SaveToFile(name));
+        return name;
     }
     static ZvAString Read(const ZvAString& path) {
         ZvAString content;
@@ -30,5 +32,5 @@ protected:
         return content;
     }
 
-    ZvAString m_dir;
+    ZvAString m_dir, m_savedCwd;
 };

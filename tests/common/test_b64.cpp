@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <random>
+#include <tuple>
 
 #include "scratch_dir.h"
 #include "zv-b64.h"
@@ -26,31 +27,16 @@ ZvAString Decoded(const ZvAString& text, bool* ok = nullptr, ZvAString* error = 
     return out;
 }
 
-TEST(ZvB64, Rfc4648Vectors) {
-    const char* vectors[][2] = {{"", ""},
-                                {"f", "Zg=="},
-                                {"fo", "Zm8="},
-                                {"foo", "Zm9v"},
-                                {"foob", "Zm9vYg=="},
-                                {"fooba", "Zm9vYmE="},
-                                {"foobar", "Zm9vYmFy"}};
-    for (auto& v : vectors) {
-        EXPECT_EQ(Encoded(v[0]), v[1]);
-        bool ok = false;
-        EXPECT_EQ(Decoded(v[1], &ok), v[0]);
-        EXPECT_TRUE(ok);
-    }
-    EXPECT_EQ(Encoded(ZvAString("\xfb\xff\0", 3)), "+/8A");
-}
-
+// Plain encoding and decoding of every length is checked against coreutils below.
 TEST(ZvB64, PaddingAndWhiteSpaceRules) {
+    // Missing positions count as zero; '=' ends the whole decode; padding tests sit at fixed
+    // offsets from the group start.
     const std::pair<ZvAString, ZvAString> cases[] = {
-        {"QQ==", "A"},
-        {"QQ", ZvAString("A\0\0", 3)}, // missing positions count as zero, nothing stops
-        {"QQ=A", "A"},                 // '=' ends the whole decode
+        {"QQ", ZvAString("A\0\0", 3)},
+        {"QQ=A", "A"},
         {"QUI=QUI=", "AB"},
         {" Zm9v\r\n\tYmFy \n", "foobar"},
-        {"Q Q==", ZvAString("A\0", 2)}, // padding tests sit at fixed offsets from the group start
+        {"Q Q==", ZvAString("A\0", 2)},
         {"====", ZvAString("\0", 1)},
     };
     for (auto& c : cases) {
@@ -61,15 +47,14 @@ TEST(ZvB64, PaddingAndWhiteSpaceRules) {
 }
 
 TEST(ZvB64, BadCharacterKeepsTheBytesBeforeIt) {
-    const std::pair<ZvAString, ZvAString> cases[] = {
-        {"*", ""}, {"Zm9v*mFy", "foo"}, {"Zm9vYm-y", "foo"}, {"Zm9v\xff", "foo"}};
-    for (auto& c : cases) {
+    // text, the bytes decoded before the bad character, the bad character
+    const std::tuple<ZvAString, ZvAString, char> cases[] = {
+        {"*", "", '*'}, {"Zm9vYm-y", "foo", '-'}, {"Zm9v\xff", "foo", '\xff'}};
+    for (auto& [text, before, bad] : cases) {
         bool ok = true;
         ZvAString error;
-        EXPECT_EQ(Decoded(c.first, &ok, &error), c.second);
+        EXPECT_EQ(Decoded(text, &ok, &error), before);
         EXPECT_FALSE(ok);
-        char bad = c.first[c.first.find_first_not_of(
-            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/")];
         EXPECT_EQ(error, ZvAString("Base 64 decode error. An input character is out of range "
                                    "0x02X '") +
                              bad + "'.");
@@ -89,13 +74,10 @@ TEST_F(ZvB64Coreutils, RandomDataOfEveryLengthMatches) {
         ZvAString bytes;
         for (size_t i = 0; i < length; ++i)
             bytes += static_cast<char>(random() & 0xFF);
-        ASSERT_TRUE(bytes.SaveToFile(Path(std::to_string(length).c_str()).c_str()));
+        ASSERT_TRUE(bytes.SaveToFile(std::to_string(length).c_str()));
         data.push_back(bytes);
     }
-    ZvAString command;
-    command.Printf("cd '%s' && for n in $(seq 0 300); do base64 -w0 $n && echo; done",
-                   m_dir.c_str());
-    FILE* pipe = popen(command.c_str(), "r");
+    FILE* pipe = popen("for n in $(seq 0 300); do base64 -w0 $n && echo; done", "r");
     ASSERT_NE(pipe, nullptr);
     std::vector<ZvAString> reference;
     char line[512];

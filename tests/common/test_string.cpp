@@ -44,20 +44,15 @@ TEST(ZvAString, RemoveQuotesOnlyStripsMatchedOuterPairs) {
 }
 
 TEST(ZvAString, PrefixAndSuffixMatching) {
-    ZvAString s("AT+CRASH?"), rest("untouched");
+    ZvAString s("AT+CRASH?"), rest("untouched"), head("untouched");
     const char* after = nullptr;
     EXPECT_TRUE(s.StartsWith("AT+", &after));
     EXPECT_EQ(after, s.c_str() + 3); // points into the string itself
-    EXPECT_TRUE(s.StartsWith("", &after));
     EXPECT_FALSE(s.StartsWith("at+", rest) || s.StartsWith("AT+CRASH?!", rest));
-    EXPECT_EQ(rest, "untouched");
+    EXPECT_FALSE(s.EndsWith("long suffix AT+CRASH?", &head) || s.EndsWith("sh?", &head));
+    EXPECT_EQ(rest + head, "untoucheduntouched");
     EXPECT_TRUE(s.StartsWith("AT+CRASH?", rest));
     EXPECT_EQ(rest, "");
-
-    ZvAString head("untouched");
-    EXPECT_FALSE(ZvAString("abc").EndsWith("long suffix", &head) ||
-                 ZvAString("abc").EndsWith("bC", &head));
-    EXPECT_EQ(head, "untouched");
     EXPECT_TRUE(ZvAString("file.zom").EndsWith(".zom", &head));
     EXPECT_EQ(head, "file");
 }
@@ -65,10 +60,7 @@ TEST(ZvAString, PrefixAndSuffixMatching) {
 TEST(ZvAString, FormattingHasNoLengthLimit) {
     ZvAString big(100000, 'x'), s;
     EXPECT_EQ(s.Printf("<%s|%*d>", big.c_str(), 70000, 7), 100000 + 70000 + 3);
-    EXPECT_EQ(s.size(), 170003u);
-    EXPECT_EQ(s.substr(0, 2), "<x");
-    EXPECT_EQ(s.substr(100000, 3), "x| ");
-    EXPECT_EQ(s.substr(s.size() - 3), " 7>");
+    EXPECT_EQ(s.substr(100000, 3) + s.substr(s.size() - 3), "x|  7>");
     s.Printf("%s", s.c_str()); // formatting its own text
     EXPECT_EQ(s.size(), 170003u);
     s = "n=";
@@ -76,33 +68,16 @@ TEST(ZvAString, FormattingHasNoLengthLimit) {
     EXPECT_EQ(s, "n=5,t");
 }
 
-TEST(ZvAString, ReplaceNeverRescansInsertedText) {
-    ZvAString s("aa");
-    s.Replace("a", "aa");
-    EXPECT_EQ(s, "aaaa");
-    s = "a\\b\\\\c";
-    s.Replace("\\", "/");
-    EXPECT_EQ(s, "a/b//c");
+TEST(ZvAString, ReplaceNeverRescansAndSearchIgnoresCase) {
+    ZvAString s("a/b//c");
+    s.Replace("/", "//");
+    EXPECT_EQ(s, "a//b////c");
     s.Replace("/", ""); // an empty replacement deletes
     EXPECT_EQ(s, "abc");
-}
-
-TEST(ZvAString, CaseInsensitiveSearch) {
-    ZvAString s("Crash Info: crash");
+    s = "Crash Info: crash";
     EXPECT_EQ(s.IndexI("CRASH", 1), 12u);
-    EXPECT_EQ(s.IndexI("dump"), ZvAString::npos);
     EXPECT_EQ(s.FindI("info"), s.c_str() + 6);
-}
-
-using StringFiles = ScratchDir;
-
-TEST_F(StringFiles, BinaryRoundTripKeepsEveryByte) {
-    ZvAString bytes("a\0b\r\n\xff", 6), loaded("old");
-    ASSERT_TRUE(bytes.SaveToFile(Path("bin").c_str()));
-    ASSERT_TRUE(loaded.LoadFromFile(Path("bin").c_str()));
-    EXPECT_EQ(loaded, bytes);
-    EXPECT_FALSE(loaded.LoadFromFile(Path("missing").c_str()));
-    EXPECT_EQ(loaded, bytes); // unchanged on failure
+    EXPECT_EQ(s.FindI("dump"), nullptr);
 }
 
 // "[a][][b]" for the list a, "", b.
@@ -115,7 +90,7 @@ std::string Bracketed(const ZvAStringList& list) {
 
 TEST(ZvAStringList, SetDelimitedKeepsEmptyPieces) {
     const char* cases[][2] = {
-        {"a,,b", "[a][][b]"}, {"a,", "[a][]"}, {",", "[][]"}, {"", ""}, {" a , b", "[ a ][ b]"}};
+        {"a,,b", "[a][][b]"}, {",", "[][]"}, {"", ""}, {" a , b", "[ a ][ b]"}};
     ZvAStringList list;
     for (auto& c : cases) {
         list.Add("previous");
@@ -152,21 +127,16 @@ TEST_F(StringListFiles, LineEndingsSplitAsDocumented) {
 TEST_F(StringListFiles, SaveAppendAndLoadRoundTrip) {
     ZvAStringList list, loaded;
     list.SetDelimited("one,,three", ',');
-    ASSERT_TRUE(list.SaveToFile(Path("l").c_str()));
-    ASSERT_TRUE(list.AppendToFile(Path("l").c_str()));
-    EXPECT_EQ(Read(Path("l")), "one\n\nthree\none\n\nthree\n");
+    ASSERT_TRUE(list.SaveToFile("l"));
+    ASSERT_TRUE(list.AppendToFile("l"));
+    EXPECT_EQ(Read("l"), "one\n\nthree\none\n\nthree\n");
     loaded.Add("dropped");
-    ASSERT_TRUE(loaded.LoadFromFile(Path("l")));
-    EXPECT_EQ(Bracketed(loaded), "[one][][three][one][][three]");
-    EXPECT_TRUE(loaded.AppendFromFile(Path("l")));
-    EXPECT_EQ(loaded.Count(), 12u);
-}
-
-TEST_F(StringListFiles, MissingFileLeavesOneExplanatoryLine) {
-    ZvAStringList list;
-    list.Add("kept?");
-    EXPECT_FALSE(list.AppendFromFile(Path("missing")));
-    EXPECT_EQ(Bracketed(list), "[Could not open file]");
+    ASSERT_TRUE(loaded.LoadFromFile("l"));
+    EXPECT_TRUE(loaded.AppendFromFile("l"));
+    EXPECT_EQ(Bracketed(loaded), "[one][][three][one][][three][one][][three][one][][three]");
+    // A missing file leaves one explanatory line instead of the contents.
+    EXPECT_FALSE(loaded.AppendFromFile("missing"));
+    EXPECT_EQ(Bracketed(loaded), "[Could not open file]");
 }
 
 } // namespace

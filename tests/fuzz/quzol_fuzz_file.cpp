@@ -15,11 +15,7 @@
 
 namespace {
 
-#define FUZZ_CHECK(cond)                                                                           \
-    do {                                                                                           \
-        if (!(cond))                                                                               \
-            abort();                                                                               \
-    } while (0)
+#define FUZZ_CHECK(cond) ((cond) ? (void)0 : abort())
 
 // One scratch file per process, rewritten for every input.
 const std::string& ScratchPath() {
@@ -67,16 +63,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     const std::string& path = ScratchPath();
     FILE* file = fopen(path.c_str(), "wb");
-    FUZZ_CHECK(file != nullptr);
-    if (!content.empty())
-        FUZZ_CHECK(fwrite(content.data(), 1, content.size(), file) == content.size());
+    FUZZ_CHECK(file != nullptr && (content.empty() || fwrite(content.data(), 1, content.size(),
+                                                             file) == content.size()));
     fclose(file);
 
-    QoZolSyncCheck sync;
-    if (allLayouts)
-        sync.AddAllLayouts();
-    else
-        sync.AddScriptDefaults();
+    QoZolSyncCheck sync, liveSync; // the live reader starts with the same sync order
+    for (QoZolSyncCheck* s : {&sync, &liveSync})
+        allLayouts ? s->AddAllLayouts() : s->AddScriptDefaults();
     QoZolRecordTag* record = QoZolRecordTag::Create(capacity, kQoZolSyncA);
     QoZolReadFile reader(&sync);
     FUZZ_CHECK(reader.OpenRead(path.c_str()));
@@ -84,12 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<unsigned char> records = ReadAll(reader, record);
     const unsigned long long skipped = reader.GetSkipped();
 
-    // The live reader (same sync order to start with) cuts the same records out of the bytes.
-    QoZolSyncCheck liveSync;
-    if (allLayouts)
-        liveSync.AddAllLayouts();
-    else
-        liveSync.AddScriptDefaults();
+    // The live reader cuts the same records out of the bytes.
     QoZolReadLiveMem live(&liveSync);
     QoZolLiveRecord liveRecord(QoZolRecordTag::Create(capacity, kQoZolSyncA));
     live.SetData(content.data(), static_cast<unsigned>(content.size()));

@@ -6,18 +6,35 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <vector>
 
 namespace zavra_test {
 
+namespace {
+// Never follows a symbolic link: a link to a directory is removed, not what it points to.
+void RemoveTree(const std::string& path) {
+    struct stat info;
+    DIR* dir =
+        lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) ? opendir(path.c_str()) : nullptr;
+    if (dir == nullptr) {
+        unlink(path.c_str());
+        return;
+    }
+    while (dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name != "." && name != "..")
+            RemoveTree(path + "/" + name);
+    }
+    closedir(dir);
+    rmdir(path.c_str());
+}
+} // namespace
+
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
-    std::string pattern =
-        std::string(base != nullptr && *base != 0 ? base : "/tmp") + "/zavra_test_XXXXXX";
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back(0);
-    if (mkdtemp(name.data()) != nullptr)
-        m_path = name.data();
+    std::string pattern = (base != nullptr && *base != 0 ? base : "/tmp");
+    pattern += "/zavra_test_XXXXXX";
+    if (mkdtemp(&pattern[0]) != nullptr)
+        m_path = pattern;
 }
 
 TempDir::~TempDir() {
@@ -25,20 +42,14 @@ TempDir::~TempDir() {
         RemoveTree(m_path);
 }
 
-std::string TempDir::File(const std::string& name) const {
-    return m_path + "/" + name;
-}
-
 std::string ReadFile(const std::string& path) {
     std::string data;
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr)
-        return data;
-    char buffer[65536];
-    size_t got;
-    while ((got = fread(buffer, 1, sizeof buffer, file)) > 0)
-        data.append(buffer, got);
-    fclose(file);
+    if (FILE* file = fopen(path.c_str(), "rb")) {
+        char buffer[65536];
+        for (size_t got; (got = fread(buffer, 1, sizeof buffer, file)) > 0;)
+            data.append(buffer, got);
+        fclose(file);
+    }
     return data;
 }
 
@@ -50,33 +61,9 @@ bool WriteFile(const std::string& path, const std::string& data) {
     return fclose(file) == 0 && ok;
 }
 
-bool FileExists(const std::string& path) {
-    struct stat info;
-    return stat(path.c_str(), &info) == 0;
-}
-
 long long FileSize(const std::string& path) {
     struct stat info;
     return stat(path.c_str(), &info) == 0 ? static_cast<long long>(info.st_size) : -1;
-}
-
-void RemoveTree(const std::string& path) {
-    struct stat info;
-    if (lstat(path.c_str(), &info) != 0)
-        return;
-    if (S_ISDIR(info.st_mode)) {
-        if (DIR* dir = opendir(path.c_str())) {
-            while (dirent* entry = readdir(dir)) {
-                std::string name = entry->d_name;
-                if (name != "." && name != "..")
-                    RemoveTree(path + "/" + name);
-            }
-            closedir(dir);
-        }
-        rmdir(path.c_str());
-    } else {
-        unlink(path.c_str());
-    }
 }
 
 } // namespace zavra_test

@@ -14,8 +14,7 @@ public:
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& Path() const { return m_path; }
-    // Path() + "/" + name.
-    std::string File(const std::string& name) const;
+    std::string File(const std::string& name) const { return m_path + "/" + name; }
 
 private:
     std::string m_path;
@@ -24,9 +23,10 @@ private:
 // The whole content of a file; empty when it cannot be read.
 std::string ReadFile(const std::string& path);
 bool WriteFile(const std::string& path, const std::string& data);
-bool FileExists(const std::string& path);
 // Size in bytes, -1 when missing.
 long long FileSize(const std::string& path);
-void RemoveTree(const std::string& path);
+inline bool FileExists(const std::string& path) {
+    return FileSize(path) >= 0;
+}
 
 } // namespace zavra_test

@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <thread>
@@ -60,16 +61,12 @@ std::string ReadExactly(int fd, size_t count, int timeoutMs) {
         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                         deadline - std::chrono::steady_clock::now())
                         .count();
-        if (left <= 0)
-            break;
         pollfd p{fd, POLLIN, 0};
-        int ready = poll(&p, 1, static_cast<int>(left));
+        int ready = left > 0 ? poll(&p, 1, static_cast<int>(left)) : 0;
         if (ready < 0 && errno == EINTR)
             continue;
-        if (ready <= 0)
-            break;
-        size_t want = count - data.size() < sizeof buffer ? count - data.size() : sizeof buffer;
-        ssize_t got = read(fd, buffer, want);
+        ssize_t got =
+            ready > 0 ? read(fd, buffer, std::min(sizeof buffer, count - data.size())) : 0;
         if (got <= 0)
             break;
         data.append(buffer, static_cast<size_t>(got));

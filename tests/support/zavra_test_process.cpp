@@ -1,7 +1,6 @@
 #include "zavra_test_process.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -16,44 +15,24 @@ extern char** environ;
 namespace zavra_test {
 
 Process::~Process() {
-    if (m_pid > 0 && !m_reaped)
-        Kill();
+    Kill();
     if (m_reader.joinable())
         m_reader.join();
 }
 
-bool Process::Start(const std::string& path, const std::vector<std::string>& args,
-                    const std::vector<std::string>& extraEnv) {
-    if (m_pid > 0) {
-        m_error = "A process was already started.";
-        return false;
-    }
-    int outPipe[2];
+bool Process::Start(const std::string& path, const std::vector<std::string>& args) {
     int errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0)
-        return m_error = "pipe failed", false;
-    if (pipe2(errPipe, O_CLOEXEC) != 0) {
-        close(outPipe[0]);
-        close(outPipe[1]);
-        return m_error = "pipe failed", false;
-    }
-
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(path.c_str()));
+    if (m_pid > 0 || pipe2(errPipe, O_CLOEXEC) != 0)
+        return m_error = m_pid > 0 ? "A process was already started." : "pipe failed", false;
+    std::vector<char*> argv{const_cast<char*>(path.c_str())};
     for (const std::string& arg : args)
         argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (char** e = environ; *e != nullptr; ++e)
-        envp.push_back(*e);
-    for (const std::string& entry : extraEnv)
-        envp.push_back(const_cast<char*>(entry.c_str()));
-    envp.push_back(nullptr);
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
     // Nothing else of the test leaks into the child: a simulator's pty master held open there
     // would keep the port alive after the simulator hangs up.
@@ -61,72 +40,47 @@ bool Process::Start(const std::string& path, const std::vector<std::string>& arg
     // The child starts with default signal handling and nothing blocked, whatever the test does.
     posix_spawnattr_t attr;
     posix_spawnattr_init(&attr);
-    sigset_t none;
+    sigset_t none, defaults;
     sigemptyset(&none);
-    sigset_t defaults;
     sigemptyset(&defaults);
-    sigaddset(&defaults, SIGINT);
-    sigaddset(&defaults, SIGTERM);
-    sigaddset(&defaults, SIGPIPE);
+    for (int s : {SIGINT, SIGTERM, SIGPIPE})
+        sigaddset(&defaults, s);
     posix_spawnattr_setsigmask(&attr, &none);
     posix_spawnattr_setsigdefault(&attr, &defaults);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-    pid_t pid = -1;
-    int rc = posix_spawn(&pid, path.c_str(), &actions, &attr, argv.data(), envp.data());
+    int rc = posix_spawn(&m_pid, path.c_str(), &actions, &attr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     posix_spawnattr_destroy(&attr);
-    close(outPipe[1]);
     close(errPipe[1]);
     if (rc != 0) {
-        close(outPipe[0]);
+        m_pid = -1;
         close(errPipe[0]);
-        m_error = "Cannot start '" + path + "': " + strerror(rc);
-        return false;
+        return m_error = "Cannot start '" + path + "': " + strerror(rc), false;
     }
-    m_pid = pid;
-    m_reader = std::thread(&Process::ReadOutput, this, outPipe[0], errPipe[0]);
+    m_reader = std::thread(&Process::ReadOutput, this, errPipe[0]);
     return true;
 }
 
-void Process::ReadOutput(int outFd, int errFd) {
-    pollfd fds[2] = {{outFd, POLLIN, 0}, {errFd, POLLIN, 0}};
-    int open = 2;
+void Process::ReadOutput(int fd) {
     char buffer[4096];
-    while (open > 0) {
-        if (poll(fds, 2, -1) < 0) {
-            if (errno == EINTR)
-                continue;
+    for (ssize_t got; (got = read(fd, buffer, sizeof buffer)) != 0;) {
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got < 0)
             break;
-        }
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0)
-                continue;
-            ssize_t got = read(fds[i].fd, buffer, sizeof buffer);
-            if (got > 0) {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                (i == 0 ? m_stdout : m_stderr).append(buffer, static_cast<size_t>(got));
-                m_changed.notify_all();
-            } else if (got == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stderr.append(buffer, static_cast<size_t>(got));
     }
-    for (pollfd& p : fds)
-        if (p.fd >= 0)
-            close(p.fd);
+    close(fd);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_outputClosed = true;
     m_changed.notify_all();
 }
 
 bool Process::Reap(bool block) {
-    if (m_pid <= 0)
-        return false;
-    if (m_reaped)
-        return true;
+    if (m_pid <= 0 || m_reaped)
+        return m_reaped;
     int status = 0;
     pid_t done;
     do
@@ -135,71 +89,38 @@ bool Process::Reap(bool block) {
     if (done != m_pid)
         return false;
     m_reaped = true;
-    if (WIFEXITED(status)) {
-        m_exitCode = WEXITSTATUS(status);
-        m_termSignal = 0;
-    } else if (WIFSIGNALED(status)) {
-        m_exitCode = -1;
-        m_termSignal = WTERMSIG(status);
-    }
+    m_exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    m_termSignal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return true;
 }
 
-bool Process::Running() {
-    return m_pid > 0 && !Reap(false);
-}
-
 bool Process::Signal(int signalNumber) {
-    if (m_pid <= 0 || m_reaped)
-        return false;
-    return kill(m_pid, signalNumber) == 0;
+    return Running() && kill(m_pid, signalNumber) == 0;
 }
 
 bool Process::Wait(int timeoutMs) {
-    if (m_pid <= 0)
-        return false;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     while (!Reap(false)) {
-        if (std::chrono::steady_clock::now() >= deadline)
+        if (m_pid <= 0 || std::chrono::steady_clock::now() >= deadline)
             return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
-    // The child is gone; its pipes close unless a grandchild holds them, so bound this wait too.
+    // The child is gone; its pipe closes unless a grandchild holds it, so bound this wait too.
     std::unique_lock<std::mutex> lock(m_mutex);
     return m_changed.wait_until(lock, deadline + std::chrono::seconds(2),
                                 [this] { return m_outputClosed; });
 }
 
 void Process::Kill() {
-    if (m_pid <= 0 || m_reaped)
-        return;
-    kill(m_pid, SIGKILL);
-    Reap(true);
-}
-
-std::string Process::Stdout() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_stdout;
+    if (Running()) {
+        kill(m_pid, SIGKILL);
+        Reap(true);
+    }
 }
 
 std::string Process::Stderr() const {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_stderr;
-}
-
-bool Process::WaitForText(const std::string* stream, const std::string& text, int timeoutMs) {
-    std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        return stream->find(text) != std::string::npos || m_outputClosed;
-    }) && stream->find(text) != std::string::npos;
-}
-
-bool Process::WaitForStderr(const std::string& text, int timeoutMs) {
-    return WaitForText(&m_stderr, text, timeoutMs);
-}
-
-bool Process::WaitForStdout(const std::string& text, int timeoutMs) {
-    return WaitForText(&m_stdout, text, timeoutMs);
 }
 
 std::string Describe(const Process& process) {

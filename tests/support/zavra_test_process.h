@@ -1,6 +1,6 @@
-// A child program run for a test: standard output and standard error are captured through pipes
-// by a background thread, so a test can wait for a line to appear, send signals, and collect the
-// exit status with a time-out. The destructor kills a child that is still running.
+// A child program run for a test: its standard error is captured through a pipe by a background
+// thread, so a test can send signals and collect the exit status and messages with a time-out.
+// The destructor kills a child that is still running.
 #pragma once
 
 #include <sys/types.h>
@@ -20,15 +20,12 @@ public:
     Process& operator=(const Process&) = delete;
     ~Process();
 
-    // Starts `path` with `args` (argv[1]...). Extra environment entries "NAME=value" are added to
-    // the current environment. False, with the reason in Error(), when the program cannot start.
-    bool Start(const std::string& path, const std::vector<std::string>& args,
-               const std::vector<std::string>& extraEnv = {});
-    pid_t Pid() const { return m_pid; }
-    bool Running();
-
+    // Starts `path` with `args` (argv[1]...), standard output discarded. False, with the reason in
+    // Error(), when the program cannot start.
+    bool Start(const std::string& path, const std::vector<std::string>& args);
+    bool Running() { return m_pid > 0 && !Reap(false); }
     bool Signal(int signalNumber);
-    // Waits until the child has ended and its output pipes are drained; false on time-out.
+    // Waits until the child has ended and its standard error is drained; false on time-out.
     bool Wait(int timeoutMs);
     // Kills the child (SIGKILL) and waits for it.
     void Kill();
@@ -37,20 +34,12 @@ public:
     int ExitCode() const { return m_exitCode; }
     // The signal that ended the child, 0 when it exited normally.
     int TermSignal() const { return m_termSignal; }
-
-    // Snapshots of what the child has written so far.
-    std::string Stdout() const;
+    // What the child has written to standard error so far.
     std::string Stderr() const;
-    // Waits until standard error (or output) contains `text`; false on time-out or when the
-    // child ended without writing it.
-    bool WaitForStderr(const std::string& text, int timeoutMs);
-    bool WaitForStdout(const std::string& text, int timeoutMs);
-
     const std::string& Error() const { return m_error; }
 
 private:
-    void ReadOutput(int outFd, int errFd);
-    bool WaitForText(const std::string* stream, const std::string& text, int timeoutMs);
+    void ReadOutput(int fd);
     bool Reap(bool block);
 
     pid_t m_pid = -1;
@@ -61,7 +50,6 @@ private:
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::string m_stdout;
     std::string m_stderr;
     bool m_outputClosed = false;
     std::thread m_reader;

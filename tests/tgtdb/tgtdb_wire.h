@@ -11,9 +11,8 @@ namespace tgtdb_test {
 using Bytes = std::vector<uint8_t>;
 
 inline void Put(Bytes& out, uint32_t value, int size = 4) {
-    for (int i = 0; i < size; ++i) {
+    for (int i = 0; i < size; ++i)
         out.push_back(uint8_t(value >> (8 * i)));
-    }
 }
 
 // Layout A: sync 7F 80 7F 80, 13-bit id, padding count in bits 13..14, KOR in bit 15. Layout B
@@ -33,9 +32,8 @@ inline Bytes Record(uint32_t id, const Bytes& body, uint32_t sync24 = 0, uint64_
 inline Bytes Words(std::initializer_list<uint32_t> words, const uint8_t* data = nullptr,
                    size_t size = 0) {
     Bytes out;
-    for (uint32_t w : words) {
+    for (uint32_t w : words)
         Put(out, w);
-    }
     out.insert(out.end(), data, data + size);
     return out;
 }

@@ -2,11 +2,21 @@
 // to build reader input streams whose every byte the test knows.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <random>
 #include <vector>
 
+#include "quzol-record.h"
+
 using Bytes = std::vector<unsigned char>;
+
+// A library record that destroys itself.
+struct RecordDestroy {
+    void operator()(QoZolRecordTag* r) const { QoZolRecordTag::Destroy(&r); }
+};
+using RecordPtr = std::unique_ptr<QoZolRecordTag, RecordDestroy>;
 
 struct TestRecord {
     unsigned layout = 1; // 1 legacy, 2 per-KOR sync, 3 short-time layout
@@ -24,29 +34,23 @@ inline void PutLe(Bytes& out, unsigned long long value, unsigned bytes) {
 
 // Layout 3 carries no padding count, so its bodies should be a multiple of four bytes long.
 inline Bytes Encode(const TestRecord& r) {
-    Bytes out;
     const unsigned n = static_cast<unsigned>(r.body.size());
     const unsigned pad = r.layout == 3 ? 0 : (4 - n % 4) % 4;
-    const unsigned words = (12 + n + pad) / 4;
-    if (r.layout == 1) {
-        out = {0x7F, 0x80, 0x7F, 0x80};
-        PutLe(out, r.time & 0xFFFFFFFF, 4);
-        PutLe(out, words, 2);
-        PutLe(out, (r.id & 0x1FFF) | (pad << 13) | ((r.kor & 1) << 15), 2);
-    } else if (r.layout == 2) {
-        PutLe(out, r.sync24, 3);
-        out.push_back(static_cast<unsigned char>(r.time >> 32));
-        PutLe(out, r.time & 0xFFFFFFFF, 4);
-        PutLe(out, words, 2);
-        PutLe(out, (r.id & 0x3FFF) | (pad << 14), 2);
-    } else {
-        out = {0xD7, 0x3F, 0xC6, 0x28, 0, 0, 0, 0};
-        PutLe(out, words, 2);
-        PutLe(out, (r.time & 0xFFF) | ((r.id & 3) << 12) | ((r.kor & 3) << 14), 2);
-    }
+    Bytes out;
+    PutLe(out,
+          r.layout == 1   ? 0x807F807Full
+          : r.layout == 2 ? r.sync24 | (r.time >> 32 & 0xFF) << 24
+                          : 0x28C63FD7ull,
+          4);
+    PutLe(out, r.layout == 3 ? 0 : r.time & 0xFFFFFFFF, 4);
+    PutLe(out, (12 + n + pad) / 4, 2);
+    PutLe(out,
+          r.layout == 1   ? (r.id & 0x1FFF) | pad << 13 | (r.kor & 1) << 15
+          : r.layout == 2 ? (r.id & 0x3FFF) | pad << 14
+                          : (r.time & 0xFFF) | (r.id & 3) << 12 | (r.kor & 3) << 14,
+          2);
     out.insert(out.end(), r.body.begin(), r.body.end());
-    for (unsigned i = 0; i < pad; ++i)
-        out.push_back(0xEE);
+    out.insert(out.end(), pad, 0xEE);
     return out;
 }
 
@@ -64,19 +68,17 @@ inline void AppendGarbage(Bytes& out, unsigned length, const Bytes& next, std::m
     const size_t start = out.size();
     for (unsigned i = 0; i < length; ++i)
         out.push_back(static_cast<unsigned char>(rng()));
-    Bytes window(out.begin() + start, out.end());
-    for (size_t i = 0; i < 3 && i < next.size(); ++i)
-        window.push_back(next[i]);
+    out.insert(out.end(), next.begin(), next.begin() + std::min<size_t>(3, next.size()));
     for (bool clean = false; !clean;) {
         clean = true;
-        for (size_t i = 0; i < length && i + 4 <= window.size(); ++i) {
-            if (LooksLikeSync(&window[i])) {
-                window[i] = static_cast<unsigned char>(rng());
-                out[start + i] = window[i];
+        for (size_t i = start; i < start + length && i + 4 <= out.size(); ++i) {
+            if (LooksLikeSync(&out[i])) {
+                out[i] = static_cast<unsigned char>(rng());
                 clean = false;
             }
         }
     }
+    out.resize(start + length);
 }
 
 inline Bytes RandomBody(unsigned size, std::mt19937& rng) {

@@ -1,0 +1,205 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "scratch_dir.h"
+#include "zv-file.h"
+
+namespace {
+
+using ::testing::MatchesRegex;
+using Files = ScratchDir;
+
+TEST(ZvFileUtilPaths, SplitMergeAndChangeLookOnlyAtTheFileName) {
+    const char* cases[][2] = {
+        // path, "drive|dir|name|ext"; backslash is no separator
+        {"/a/b.c/file", "|/a/b.c/|file|"},
+        {"x.tar.gz", "||x.tar|.gz"},
+        {".profile", "|||.profile"},
+        {"C:\\dir\\f.txt", "C:||\\dir\\f|.txt"},
+        {"c:/logs/run.zom", "c:|/logs/|run|.zom"},
+        {"dir/", "|dir/||"},
+        {"", "|||"},
+    };
+    for (auto& c : cases) {
+        ZvAString drive("?"), dir("?"), name("?"), ext("?"), merged;
+        ZvFileUtil::PathSplit(c[0], &drive, &dir, &name, &ext);
+        EXPECT_EQ(drive + "|" + dir + "|" + name + "|" + ext, c[1]) << c[0];
+        ZvFileUtil::PathMerge(merged, drive.c_str(), dir.c_str(), name.c_str(), ext.c_str());
+        EXPECT_EQ(merged, c[0]);
+    }
+    ZvAString s("/a.b/c");
+    ZvFileUtil::StripExt(s);
+    EXPECT_EQ(s, "/a.b/c");
+    ZvFileUtil::ChangeFileExt(s, "/d/log.tar.zom", ".zx");
+    EXPECT_EQ(s, "/d/log.tar.zx");
+    ZvFileUtil::StripFullName(s, false);
+    ZvFileUtil::AppendToPath(s, "y"); // adds the separator the stripped path lost
+    EXPECT_EQ(s, "/d/y");
+    ZvFileUtil::ChangeFullFileName(s, "run.zom", "crash.zip");
+    EXPECT_EQ(s, "crash.zip");
+}
+
+TEST_F(Files, ReadLineReturnsWholeLinesWithTheirEndings) {
+    const ZvAString longLine(700, 'L'); // longer than the 300-byte buffer
+    ZvFile file;
+    ZvAString line("x");
+    EXPECT_EQ(file.ReadLine(line), nullptr); // not open
+    EXPECT_EQ(line, "");
+    ASSERT_TRUE(file.Open(Write("t", longLine + "\nwin\r\n\nlast").c_str(), "rb"));
+    const char* text = file.ReadLine(line);
+    EXPECT_EQ(text, line.c_str());
+    EXPECT_EQ(line, longLine + "\n");
+    file.ReadLine(line);
+    EXPECT_EQ(line, "win\r\n");
+    char* copy = file.ReadLine();
+    EXPECT_STREQ(copy, "\n");
+    free(copy);
+    file.ReadLine(line);
+    EXPECT_EQ(line, "last");
+    EXPECT_EQ(file.ReadLine(), nullptr);
+    EXPECT_TRUE(file.IsEof());
+}
+
+TEST_F(Files, WriteSeekAndSizeRoundTrip) {
+    ZvFile file;
+    EXPECT_FALSE(file.Fseek(0, SEEK_SET)); // not open
+    EXPECT_EQ(file.Printf("x"), -1);
+    ASSERT_TRUE(file.Open("w", "w+b"));
+    EXPECT_EQ(file.Printf("%s=%d;", "n", 42), 5);
+    EXPECT_EQ(file.Write("\0\1", 2), 2u);
+    long long size = 0;
+    ASSERT_TRUE(file.Fseek(2, SEEK_SET));
+    ASSERT_TRUE(file.GetSize(size));
+    EXPECT_EQ(size, 7);
+    EXPECT_EQ(file.Ftell(), 2); // the size query keeps the position
+    char buffer[8] = {};
+    EXPECT_EQ(file.Read(buffer, sizeof(buffer)), 5u);
+    EXPECT_EQ(ZvAString(buffer, 5), ZvAString("42;\0\1", 5));
+    ASSERT_TRUE(file.Fseek(5LL << 30, SEEK_SET)); // positions beyond 32 bits
+    EXPECT_EQ(file.Ftell(), 5LL << 30);
+    EXPECT_FALSE(ZvFile::GetSize("missing", size));
+}
+
+TEST_F(Files, CopyAndAppendDifferOnTheSameName) {
+    ZvAString a = Write("a", ZvAString(10000, 'a') + ZvAString("\0z", 2));
+    EXPECT_TRUE(ZvFile::Copy("a", "a", true));
+    EXPECT_FALSE(ZvFile::Append("a", "a"));
+    EXPECT_TRUE(ZvFile::Copy("a", "./a", false));
+    EXPECT_FALSE(ZvFile::Append("./a", "a"));
+    EXPECT_EQ(Read("a").size(), 10002u); // neither touched the file
+
+    EXPECT_TRUE(ZvFile::Copy("a", "b", true));
+    EXPECT_EQ(Read("b"), Read("a"));
+    EXPECT_FALSE(ZvFile::Copy("a", "b", true));
+    EXPECT_TRUE(ZvFile::Append("b", Write("tail", "tail").c_str()));
+    EXPECT_EQ(Read("b"), Read("a") + "tail");
+    EXPECT_TRUE(ZvFile::Copy("tail", "b", false)); // overwrites
+    EXPECT_EQ(Read("b"), "tail");
+}
+
+TEST_F(Files, RenameAcrossFileSystemsCopiesAndRemoves) {
+    struct stat shm, here;
+    if (stat("/dev/shm", &shm) != 0 || stat(".", &here) != 0 || shm.st_dev == here.st_dev ||
+        access("/dev/shm", W_OK) != 0)
+        GTEST_SKIP() << "no second writable file system";
+    char pattern[] = "/dev/shm/zv_rename_XXXXXX";
+    close(mkstemp(pattern));
+    ASSERT_TRUE(ZvAString("moved").SaveToFile(pattern));
+    EXPECT_TRUE(ZvFile::Rename(pattern, "here"));
+    EXPECT_FALSE(ZvFile::Exists(pattern));
+    EXPECT_EQ(Read("here"), "moved");
+    unlink(pattern);
+}
+
+TEST_F(Files, TypesSizesAndMakeWriteable) {
+    Write("f", "abc");
+    EXPECT_TRUE(ZvFileUtil::MakeDir("d"));
+    EXPECT_FALSE(ZvFileUtil::MakeDir("d"));
+    EXPECT_EQ(ZvFileUtil::GetFileType("f"), ZvFileUtil::FileTypeRegular);
+    EXPECT_EQ(ZvFileUtil::GetFileType("d"), ZvFileUtil::FileTypeDirectory);
+    EXPECT_EQ(ZvFileUtil::GetFileType("/dev/null"), ZvFileUtil::FileTypeOther);
+    EXPECT_EQ(ZvFileUtil::GetFileType("none"), ZvFileUtil::FileTypeMissing);
+    EXPECT_EQ(ZvFileUtil::GetFileType(ZvAString(5000, 'n').c_str()), ZvFileUtil::FileTypeFailure);
+    EXPECT_EQ(ZvFileUtil::GetFileSize("f"), 3);
+    EXPECT_EQ(ZvFileUtil::GetFileSize("none"), -1);
+    ASSERT_EQ(chmod("f", 0044), 0);
+    EXPECT_TRUE(ZvFile::MakeWriteable("f"));
+    struct stat info;
+    ASSERT_EQ(stat("f", &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0644u); // only the owner's read and write added
+    EXPECT_FALSE(ZvFile::MakeWriteable("none"));
+}
+
+TEST_F(Files, RelativePathsBecomeAbsolute) {
+    ASSERT_TRUE(ZvFileUtil::MakeDir("sub"));
+    Write("sub/f.txt", "");
+    const std::tuple<const char*, bool, ZvAString> cases[] = {
+        // path, is a directory, absolute path
+        {" sub/../sub/f.txt ", false, m_dir + "/sub/f.txt"}, // existing: resolved by the system
+        {"new/x.zom", false, m_dir + "/new/x.zom"},          // missing: appended as given
+        {"/abs/x", false, "/abs/x"},
+        {"sub/", true, m_dir + "/sub/"},
+        {"", true, m_dir},
+        {".", true, m_dir},
+        {"/abs/d/", true, "/abs/d/"},
+    };
+    ZvAString out;
+    for (auto& [path, isDir, absolute] : cases) {
+        ZvFileUtil::RelativeToAbsolutePath(path, out, isDir);
+        EXPECT_EQ(out, absolute) << path;
+    }
+}
+
+// The only test that sets the writable directory, so its first call sees it unset.
+TEST_F(Files, TempFilesAreCreatedUniqueAndLeftInPlace) {
+    ZvAString first, second;
+    ASSERT_TRUE(ZvFileUtil::GetTempFileName("crash_", first));
+    EXPECT_THAT(first, MatchesRegex(m_dir + "/crash_[A-Za-z0-9]{6}")); // the current directory
+    EXPECT_EQ(ZvFileUtil::GetFileSize(first.c_str()), 0);
+    ASSERT_TRUE(ZvFileUtil::MakeDir("tmp"));
+    ASSERT_TRUE(ZvFileUtil::SetWritableDir("tmp"));
+    ASSERT_TRUE(ZvFileUtil::GetTempFileName("crash_", first));
+    ASSERT_TRUE(ZvFileUtil::GetTempFileName("crash_", second));
+    EXPECT_NE(first, second);
+    EXPECT_THAT(first, MatchesRegex(m_dir + "/tmp/crash_[A-Za-z0-9]{6}"));
+    ASSERT_TRUE(ZvFileUtil::GetTempFileName("tmp", "p", ".zom", first));
+    EXPECT_THAT(first, MatchesRegex("tmp/p[A-Za-z0-9]{6}\\.zom"));
+    EXPECT_FALSE(ZvFileUtil::GetTempFileName("missing", "p", "", first));
+    ZvFileUtil::SetWritableDir(m_savedCwd.c_str()); // leave no dangling directory behind
+}
+
+TEST_F(Files, FindAndTreesMatchShellWildcardsIncludingDotNames) {
+    EXPECT_TRUE(ZvFileUtil::MakePath(" tree\\a/b//c/file.txt ", true));
+    EXPECT_TRUE(ZvFileUtil::IsDir("tree/a/b/c"));
+    EXPECT_FALSE(ZvFile::Exists("tree/a/b/c/file.txt"));
+    for (const char* name : {"tree/a.zom", "tree/.hidden.zom", "tree/c.txt", "tree/a/b/deep.zom"})
+        Write(name, "");
+    ASSERT_TRUE(ZvFileUtil::MakeDir("tree/d.zom"));
+    Write("blocker", "");
+    EXPECT_FALSE(ZvFileUtil::MakePath("blocker/sub", false));
+
+    ZvFileFind find;
+    ZvFindFileData data;
+    std::set<std::pair<std::string, int>> found;
+    for (bool more = find.FindFirst("tree", "*.zom", data); more; more = find.FindNext(data))
+        found.insert({data.name, data.type});
+    EXPECT_EQ(found, (std::set<std::pair<std::string, int>>{
+                         {"a.zom", 1}, {".hidden.zom", 1}, {"d.zom", 2}}));
+    EXPECT_TRUE(find.FindFirst("tree", "c.*", data)); // a new search starts over
+    EXPECT_EQ(data.name, "c.txt");
+
+    ZvAStringList list;
+    EXPECT_TRUE(ZvFileUtil::GetDirFiles("tree", list, "*.zom", true));
+    ASSERT_EQ(list.Count(), 3u); // files only, from every level
+    EXPECT_EQ((std::set<std::string>{list[0], list[1], list[2]}),
+              (std::set<std::string>{"tree/a.zom", "tree/.hidden.zom", "tree/a/b/deep.zom"}));
+    EXPECT_FALSE(ZvFileUtil::DeleteDir("tree", false));
+    EXPECT_TRUE(ZvFileUtil::DeleteDir("tree", true));
+    EXPECT_EQ(ZvFileUtil::GetFileType("tree"), ZvFileUtil::FileTypeMissing);
+}
+
+} // namespace
