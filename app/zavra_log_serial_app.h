@@ -96,5 +96,5 @@ void ZlbsDownStreamSocketInputCallback(unsigned char channel, unsigned char* dat
 // Runs OnExit for SIGINT and SIGTERM; other signals are ignored.
 void SignalHandler(int sig);
 // Routes SIGINT and SIGTERM to SignalHandler on a thread of its own, so that OnExit runs in an
-// ordinary thread context. Call before any other thread is started.
+// ordinary thread context, and ignores SIGPIPE. Call before any other thread is started.
 void ZlbsInstallSignalHandling();

@@ -10,12 +10,11 @@ class ZvDeviceDetect;
 
 // Codes of the tool's fatal faults, printed by error() behind the exit status.
 enum Local_Errors {
-    ZLBS_ERROR_FILE = 12,          // a file could not be opened or prepared
-    ZLBS_ERROR_SOCKET = 13,        // the socket server or its client
-    ZLBS_ERROR_COMMAND_LINE = 14,  // every command-line fault
-    ZLBS_ERROR_MEMORY = 15,        // an allocation failed
-    ZLBS_ERROR_PORT = 19,          // the serial port could not be opened
-    ZLBS_ERROR_NOT_AVAILABLE = 20, // a mode that this build does not have yet
+    ZLBS_ERROR_FILE = 12,         // a file could not be opened or prepared
+    ZLBS_ERROR_SOCKET = 13,       // the socket server or its client
+    ZLBS_ERROR_COMMAND_LINE = 14, // every command-line fault
+    ZLBS_ERROR_MEMORY = 15,       // an allocation failed
+    ZLBS_ERROR_PORT = 19,         // the serial port could not be opened
 };
 
 // Reports a fatal fault as "Error <info>(<code>):<message>" on standard error and ends the process

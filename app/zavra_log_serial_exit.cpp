@@ -76,6 +76,9 @@ void Zlbs::OnExit(int code) {
 
     if (noisiness == 2)
         fputc('\n', stderr);
+    if (rxNormal.FileWriteFailures() != 0)
+        ZvLog::Error("Failed to write %llu bytes to the output file (%llu failed writes).",
+                     rxNormal.FileBytesLost(), rxNormal.FileWriteFailures());
     if (noisiness > 4) {
         if (socketStream.DroppedChunks() != 0)
             ZvLog::Status("Socket client missed %llu bytes in %llu chunks.",
@@ -110,6 +113,9 @@ void SignalHandler(int sig) {
 }
 
 void ZlbsInstallSignalHandling() {
+    // Standard error may be a pipe whose reader has gone (a logger that ended): writing the
+    // statistics line there must not end the capture.
+    signal(SIGPIPE, SIG_IGN);
     sigset_t set = ExitSignals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     ZvThreadStartFreeThread(SignalThread, nullptr);

@@ -1,6 +1,9 @@
 #include "zavra_log_serial_rx.h"
 
+#include <cerrno>
+
 #include "zavra_log_serial_socket.h"
+#include "zv-log.h"
 #include "zv-sema.h"
 
 void ZlbsRxBase::OnRxFail() {
@@ -26,7 +29,14 @@ void ZlbsRxNormal::CloseFile() {
 }
 
 void ZlbsRxNormal::OnRxData(unsigned int count, unsigned char* data) {
-    if (m_file != nullptr && fwrite(data, 1, count, m_file) != count)
-        ++m_writeFailures;
+    if (m_file != nullptr) {
+        size_t written = fwrite(data, 1, count, m_file);
+        if (written != count) {
+            // Said at once: a run may last days, and the file is the record users keep.
+            if (m_writeFailures++ == 0)
+                ZvLog::Error("Failed to write to the output file (%d).", errno);
+            m_bytesLost += count - written;
+        }
+    }
     m_socket.WriteUp(data, count);
 }

@@ -30,8 +30,10 @@ public:
     bool OpenFile(const char* path);
     void CloseFile();
     bool IsFileOpen() const { return m_file != nullptr; }
-    // Short writes to the file (a full disk), counted for the closing report.
+    // Short writes to the file (a full disk): the first is reported when it happens, the totals
+    // at the end of the run.
     unsigned long long FileWriteFailures() const { return m_writeFailures; }
+    unsigned long long FileBytesLost() const { return m_bytesLost; }
 
     void OnRxData(unsigned int count, unsigned char* data) override;
 
@@ -39,4 +41,5 @@ private:
     ZlsSocketStream& m_socket;
     FILE* m_file = nullptr;
     unsigned long long m_writeFailures = 0;
+    unsigned long long m_bytesLost = 0;
 };
