@@ -93,6 +93,10 @@ bool ZlsInitialiseTarget() {
 
 void ZlbsDownStreamSocketInputCallback(unsigned char, unsigned char* data, unsigned length) {
     Zlbs& app = ZlbsApp();
+    // Once the run is ending nothing more goes down: a client that keeps sending would otherwise
+    // hold off the quiet period before the channel is closed for ever.
+    if (app.exiting)
+        return;
     app.serial.Send(length, data);
     app.lastSendTick = ZvTime::GetMsTickTime();
 }
