@@ -1,10 +1,12 @@
 // The TCP client of -p: it gets the stream, its bytes reach the modem only after the start-of-log
 // exchange, and whatever it does (leave, stop reading) the file stays complete and the tool runs.
+#include <atomic>
 #include <signal.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "app_test_tool.h"
@@ -108,6 +110,26 @@ TEST(SocketClient, ClientThatStopsReadingNeverStallsTheCapture) {
     std::string err = run.tool.Stderr();
     EXPECT_NE(err.find("Socket client is not keeping up"), std::string::npos) << err;
     EXPECT_NE(err.find("Socket client missed "), std::string::npos) << err;
+}
+
+TEST(SocketClient, ClientThatNeverFallsSilentCannotHoldOffTheExit) {
+    SocketRun run;
+    ASSERT_NO_FATAL_FAILURE(run.Start());
+    ASSERT_TRUE(run.bench.modem.WaitForChannelOpen(true, 10000)) << run.tool.Stderr();
+    // The client sends a record every 100 ms, far more often than the 600 ms quiet period.
+    std::atomic<bool> stop{false};
+    std::thread chatter([&] {
+        Bytes record = Hex("7F 80 7F 80 00 00 00 00 04 00 23 01 43 4C 4E 54");
+        while (!stop && zavra_test::WriteAll(run.client, std::string(record.begin(), record.end())))
+            usleep(100000);
+    });
+    ASSERT_TRUE(run.bench.modem.WaitForRecordId(0x123, 10000, 2));
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+    stop = true;
+    chatter.join();
+    run.bench.modem.WaitForHostQuiet(150, 3000);
+    EXPECT_EQ(run.bench.modem.RecordsWithId(0x36).size(), 4u) << "the channel is closed at exit";
 }
 
 } // namespace
