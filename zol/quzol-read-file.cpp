@@ -26,22 +26,11 @@ bool QoZolReadFileBase::Rewind() {
 }
 
 bool QoZolReadFileBase::GetSync(QoZolReadHeader& header) {
-    if (!header.ReadBytes(*this, 4)) {
-        // Fewer than four bytes left: they can start nothing.
-        m_eof = true;
-        m_skipped += header.GetCount();
-        m_offset += header.GetCount();
-        header.Reset();
-        return false;
-    }
-    if (MatchSync(header.GetWord0()))
-        return true;
-    ++m_syncErrors;
+    // One sync error per hunt, however many bytes it slides over.
+    bool hunting = false;
     for (;;) {
-        header.ShiftData(1);
-        ++m_skipped;
-        ++m_offset;
         if (!header.ReadBytes(*this, 4)) {
+            // Fewer than four bytes left: they can start nothing.
             m_eof = true;
             m_skipped += header.GetCount();
             m_offset += header.GetCount();
@@ -50,6 +39,12 @@ bool QoZolReadFileBase::GetSync(QoZolReadHeader& header) {
         }
         if (MatchSync(header.GetWord0()))
             return true;
+        if (!hunting)
+            ++m_syncErrors;
+        hunting = true;
+        header.ShiftData(1);
+        ++m_skipped;
+        ++m_offset;
     }
 }
 
