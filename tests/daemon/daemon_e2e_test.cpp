@@ -170,6 +170,7 @@ TEST(DaemonTool, ExistingFilesGoFirstAndKeepFirstSegmentSavesSegmentZero) {
     const std::string kept = ZomConcat(run.store);
     EXPECT_TRUE(kept.substr(0, kMiB) == run.Sent().substr(0, kMiB));
     EXPECT_TRUE(kept.substr(kMiB) == run.Sent().substr(11 * kMiB - kept.size()));
+    EXPECT_EQ(JournalCount(run.store, "First segment move failed"), 0);
 }
 
 // One client session on the port as it first opens, then a second across its failure and return.
