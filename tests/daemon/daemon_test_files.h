@@ -1,6 +1,9 @@
 // What the daemon leaves in its directory, read back for the tests.
 #pragma once
 
+#include <algorithm>
+#include <dirent.h>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -8,14 +11,49 @@
 
 namespace daemon_test {
 
-// A deterministic, non-repeating byte stream.
-std::string MakeStream(size_t size, unsigned seed = 1);
-// The regular ".zom" files of a directory by name, their total size, their contents in order.
-std::vector<std::string> ZomFiles(const std::string& dir);
-long long ZomBytes(const std::string& dir);
-std::string ZomConcat(const std::string& dir);
+// The regular ".zom" files of a directory, by name.
+inline std::vector<std::string> ZomFiles(const std::string& dir) {
+    std::vector<std::string> names;
+    if (DIR* handle = opendir(dir.c_str())) {
+        while (dirent* entry = readdir(handle)) {
+            const std::string name = entry->d_name;
+            if (entry->d_type == DT_REG && name.size() > 4 &&
+                name.substr(name.size() - 4) == ".zom")
+                names.push_back(name);
+        }
+        closedir(handle);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Their total size, and their contents in name order.
+inline long long ZomBytes(const std::string& dir) {
+    long long total = 0;
+    for (const std::string& name : ZomFiles(dir))
+        total += zavra_test::FileSize(dir + "/" + name);
+    return total;
+}
+inline std::string ZomConcat(const std::string& dir) {
+    std::string all;
+    for (const std::string& name : ZomFiles(dir))
+        all += zavra_test::ReadFile(dir + "/" + name);
+    return all;
+}
+
 // The journal's lines, and how many of them contain `text`.
-std::vector<std::string> JournalLines(const std::string& dir);
-int JournalCount(const std::string& dir, const std::string& text);
+inline std::vector<std::string> JournalLines(const std::string& dir) {
+    std::istringstream journal(zavra_test::ReadFile(dir + "/daemon.log"));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(journal, line);)
+        lines.push_back(line);
+    return lines;
+}
+inline int JournalCount(const std::string& dir, const std::string& text) {
+    int count = 0;
+    for (const std::string& line : JournalLines(dir))
+        count += line.find(text) != std::string::npos;
+    return count;
+}
 
 } // namespace daemon_test
