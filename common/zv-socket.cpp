@@ -70,10 +70,6 @@ void ZvSocket::SetPeerAddress(const char* text) {
     m_peerAddress = text;
 }
 
-void ZvSocket::ApplyBufferSizes(int fd, int rcvBuf, int sndBuf) {
-    SetBufferSizes(fd, rcvBuf, sndBuf);
-}
-
 bool ZvSocket::OpenSocketServer(int port, int& server, int rcvBuf, int sndBuf) {
     server = socket(AF_INET, SOCK_STREAM, 0);
     if (server < 0)
@@ -116,7 +112,7 @@ bool ZvSocket::OpenServer(int server, int rcvBuf, int sndBuf) {
     } while (fd < 0 && errno == EINTR);
     if (fd < 0)
         return false;
-    ApplyBufferSizes(fd, rcvBuf, sndBuf);
+    SetBufferSizes(fd, rcvBuf, sndBuf);
     const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&peer.sin_addr.s_addr);
     ZvAString text;
     text.Printf("%lu.%lu.%lu.%lu", static_cast<unsigned long>(bytes[0]),
@@ -147,7 +143,7 @@ bool ZvSocket::OpenClient(int port, unsigned long address, int rcvBuf, int sndBu
         close(fd);
         return false;
     }
-    ApplyBufferSizes(fd, rcvBuf, sndBuf);
+    SetBufferSizes(fd, rcvBuf, sndBuf);
     char text[INET_ADDRSTRLEN] = "";
     inet_ntop(AF_INET, &server.sin_addr, text, sizeof(text));
     SetPeerAddress(text);

@@ -69,7 +69,6 @@ public:
 
 private:
     void SetPeerAddress(const char* text);
-    void ApplyBufferSizes(int fd, int rcvBuf, int sndBuf);
 
     std::atomic<int> m_fd;
     ZvAString m_lastMessage;
