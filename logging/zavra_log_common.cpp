@@ -10,17 +10,10 @@ constexpr unsigned kDefaultBaseId = 0x35;
 constexpr unsigned char kKor0 = 0;
 constexpr unsigned char kKor1 = 1;
 
-void PutWord(unsigned char* at, unsigned value) {
-    at[0] = static_cast<unsigned char>(value);
-    at[1] = static_cast<unsigned char>(value >> 8);
-    at[2] = static_cast<unsigned char>(value >> 16);
-    at[3] = static_cast<unsigned char>(value >> 24);
-}
-
 // The target reads the host time's 64-bit values high word first.
 void PutHighWordFirst(unsigned char* at, unsigned long long value) {
-    PutWord(at, static_cast<unsigned>(value >> 32));
-    PutWord(at + 4, static_cast<unsigned>(value));
+    QoZolPutWord(at, static_cast<unsigned>(value >> 32));
+    QoZolPutWord(at + 4, static_cast<unsigned>(value));
 }
 } // namespace
 
@@ -48,9 +41,9 @@ void ZluSendMessages::SendOpenChannel() {
             QoZolWrite::EncodeZol(buffer, sizeof(buffer), 12, kor, m_openChannelId, 0, total);
         if (body == nullptr)
             continue;
-        PutWord(body, m_deferredMode);
-        PutWord(body + 4, m_deferredThreshold);
-        PutWord(body + 8, m_deferredTimeout);
+        QoZolPutWord(body, m_deferredMode);
+        QoZolPutWord(body + 4, m_deferredThreshold);
+        QoZolPutWord(body + 8, m_deferredTimeout);
         SendMsg(kor, buffer, total);
     }
 }

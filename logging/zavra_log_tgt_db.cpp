@@ -24,10 +24,6 @@ const unsigned kRequestBodySize = 4;
 const unsigned kHashCnfMinBody = 12;
 const unsigned kDataCnfHeaderSize = 8;
 
-unsigned ReadWord(const unsigned char* p) {
-    return unsigned(p[0]) | (unsigned(p[1]) << 8) | (unsigned(p[2]) << 16) | (unsigned(p[3]) << 24);
-}
-
 } // namespace
 
 ZlTgtDb::ZlTgtDb() {
@@ -153,9 +149,9 @@ void ZlTgtDb::ProcessFileHashCnf(unsigned int bodySize, unsigned char* body) {
     if (bodySize < kHashCnfMinBody || body == nullptr) {
         return;
     }
-    unsigned status = ReadWord(body);
-    unsigned hash = ReadWord(body + 4);
-    unsigned size = ReadWord(body + 8);
+    unsigned status = QoZolGetWord(body);
+    unsigned hash = QoZolGetWord(body + 4);
+    unsigned size = QoZolGetWord(body + 8);
     if (status != 0 || hash == 0 || size > kMaxFileSize) {
         return;
     }
@@ -179,7 +175,7 @@ void ZlTgtDb::ProcessFileDataCnf(unsigned int bodySize, unsigned char* body) {
     if (bodySize < kDataCnfHeaderSize || body == nullptr || m_data == nullptr) {
         return;
     }
-    if (ReadWord(body) != 0) {
+    if (QoZolGetWord(body) != 0) {
         return;
     }
     m_state = StateReceiving;
@@ -194,7 +190,7 @@ void ZlTgtDb::ProcessFileDataCnf(unsigned int bodySize, unsigned char* body) {
     }
     memcpy(m_data + m_receivedSize, body + kDataCnfHeaderSize, chunk);
     m_receivedSize += chunk;
-    if (ReadWord(body + 4) != 0) {
+    if (QoZolGetWord(body + 4) != 0) {
         return;
     }
     if (m_receivedSize != m_expectedSize) {

@@ -11,19 +11,11 @@ void QoZolLiveRecord::Reset() {
     m_header.Reset();
 }
 
-namespace {
-unsigned LoadWord(const unsigned char* p) {
-    unsigned word;
-    memcpy(&word, p, sizeof(word));
-    return word;
-}
-} // namespace
-
 int QoZolReadLiveBase::ReadFromView(QoZolLiveRecord& live) {
     if (m_view == nullptr || live.m_header.GetCount() != 0)
         return 0;
     unsigned skip = 0;
-    while (skip + 4 <= m_viewSize && !MatchSync(LoadWord(m_view + skip)))
+    while (skip + 4 <= m_viewSize && !MatchSync(QoZolGetWord(m_view + skip)))
         ++skip;
     if (skip != 0) {
         if (!live.m_outOfStep) {

@@ -46,6 +46,17 @@ constexpr unsigned kQoZolSyncBKor1Alt = 0x78DAE4u; // accepted as KOR 1
 constexpr unsigned kQoZolSyncBKor2 = 0xC426B9u;
 
 constexpr unsigned kQoZolHeaderSize = 12;
+
+// Every word on the wire is little-endian.
+inline unsigned QoZolGetWord(const unsigned char* p) {
+    return unsigned(p[0]) | (unsigned(p[1]) << 8) | (unsigned(p[2]) << 16) | (unsigned(p[3]) << 24);
+}
+inline void QoZolPutWord(unsigned char* p, unsigned value) {
+    p[0] = static_cast<unsigned char>(value);
+    p[1] = static_cast<unsigned char>(value >> 8);
+    p[2] = static_cast<unsigned char>(value >> 16);
+    p[3] = static_cast<unsigned char>(value >> 24);
+}
 // The largest body a decoded record may carry.
 constexpr unsigned kQoZolMaxBody = 20480;
 

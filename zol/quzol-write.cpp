@@ -16,10 +16,7 @@ unsigned char* QoZolWrite::EncodeZol(unsigned char* buffer, unsigned bufferSize,
     buffer[1] = 0x80;
     buffer[2] = 0x7F;
     buffer[3] = 0x80;
-    buffer[4] = static_cast<unsigned char>(time);
-    buffer[5] = static_cast<unsigned char>(time >> 8);
-    buffer[6] = static_cast<unsigned char>(time >> 16);
-    buffer[7] = static_cast<unsigned char>(time >> 24);
+    QoZolPutWord(buffer + 4, time);
     buffer[8] = static_cast<unsigned char>(total >> 2);
     buffer[9] = static_cast<unsigned char>(total >> 10);
     buffer[10] = static_cast<unsigned char>(id);
