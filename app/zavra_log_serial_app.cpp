@@ -48,11 +48,7 @@ int Zlbs::Run(int argc, char** argv) {
     }
     if (!args.databaseFile.empty()) {
         ZlbsTgtDbStart(*this);
-        if (noisiness > 4)
-            ZvLog::Status("Opening serial port.");
-        if (!ZlsOpenPort())
-            error(ZLBS_ERROR_PORT, serial.GetLastError(), "%s", lastPortError.c_str());
-        ZlsInitialiseTarget();
+        OpenPortAndInitialiseTarget();
     } else if (args.daemonMode) {
         ZlbsDaemonStart(*this);
     } else {
@@ -106,6 +102,10 @@ void Zlbs::StartCapture() {
     // Without a file name the stream only goes to the socket client.
     if (!args.filenameRoot.empty() && !rxNormal.OpenFile(args.filenameRoot.c_str()))
         error(ZLBS_ERROR_FILE, errno, "Failed to open output ZOM.");
+    OpenPortAndInitialiseTarget();
+}
+
+void Zlbs::OpenPortAndInitialiseTarget() {
     if (noisiness > 4)
         ZvLog::Status("Opening serial port.");
     if (!ZlsOpenPort())

@@ -77,6 +77,8 @@ private:
     void OpenScript();
     void StartCapture();
     void StartPortCheck();
+    // The port for a capture or an extraction: a failure to open it ends the run.
+    void OpenPortAndInitialiseTarget();
     int WaitLoop();
     void HandlePortFailure();
 };

@@ -61,12 +61,13 @@ void ZlsSocketStream::WriteUp(const unsigned char* data, unsigned length) {
     }
     if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
         return; // the client has gone; its reader closes the socket
+    const unsigned dropped = length - static_cast<unsigned>(sent < 0 ? 0 : sent);
     ++m_droppedChunks;
-    m_droppedBytes += length - static_cast<unsigned>(sent < 0 ? 0 : sent);
+    m_droppedBytes += dropped;
     if (!m_dropping && noisiness > 4)
         ZvLog::Status("Socket client is not keeping up, dropping data for the client (%u of %u "
                       "bytes of this chunk).",
-                      length - static_cast<unsigned>(sent < 0 ? 0 : sent), length);
+                      dropped, length);
     m_dropping = true;
 }
 

@@ -50,8 +50,6 @@ TEST(Capture, SignalsCloseTheChannelOnceAfterTheDrain) {
         ASSERT_EQ(opens.size(), 2u);
         // The last data went down with the open; the closing pair waits at least 600 ms after it.
         EXPECT_GE(closes[2].arrivalMs - opens[1].arrivalMs, 550.0);
-        EXPECT_EQ(closes[2].kor, 0u);
-        EXPECT_EQ(closes[3].kor, 1u);
         EXPECT_NE(tool.Stderr().find("\nWaiting for sends to complete\n"), std::string::npos);
     }
 }

@@ -37,8 +37,6 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
     const std::string blocked = dir.File("plain-file");
     ASSERT_TRUE(zavra_test::WriteFile(blocked, "x"));
     const std::string logs = dir.File("logs"), missing = dir.File("missing.txt");
-    const std::string badExtension =
-        "The -e (embedded database) argument has an incorrect extension (must be '.zx').";
     const struct {
         std::vector<std::string> args;
         std::string message; // the whole error line, without its line feed
@@ -51,15 +49,13 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
              "/sub' given in the -a (daemon mode) option could not be created.",
          0},
         {{"-d", " , "}, "The -d (serial port) option requires an argument.", 0},
-        {{"-edatabase"}, badExtension, 0},
-        {{"-edb.zx.txt"}, badExtension, 0},
+        {{"-edb.zx.txt"},
+         "The -e (embedded database) argument has an incorrect extension (must be '.zx').",
+         0},
         {{"-p65536"}, "Illegal port argument '65536'", 0},
         {{"-r,"}, "The -r (deferred logging) option requires an argument.", 0},
         {{"-r0,1"},
          "The -r (deferred logging) option requires either 1 or 3 arguments (not 2).",
-         0},
-        {{"-r1,2,3,4"},
-         "The -r (deferred logging) option requires either 1 or 3 arguments (not 4).",
          0},
         {{"-r1"}, "Invalid disable parameter '1' to the -r (deferred logging) option.", 0},
         {{"-r0,50,60"}, "Invalid enable parameter '0' to the -r (deferred logging) option.", 0},
@@ -69,10 +65,8 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
         // getopt's refusals always show the question mark it returned, after getopt's own line.
         {{"-q"}, "Unknown option `-?'", 0, "invalid option -- 'q'"},
         {{"-d"}, "Unknown option `-?'", 0},
-        {{"-m"}, "Unknown option `-?'", 0},
         {{"a.zom", "b.zom", "c.zom"}, "Too many arguments (rather than options) present.", 0},
         {{"out.zom"}, kNoPort, 0},
-        {{"-p", "5000"}, kNoPort, 0},
         {{missing},
          "No port detected matching specification (from file).",
          0,
@@ -90,7 +84,6 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
          2},
         {{"-d", "/nonexistent/port,/dev/other", "-o"}, kNoOpen, 2},
         {{"-d/nonexistent/port", "-eDB.ZX"}, kNoOpen, 2}, // the extension ignores case
-        {{"-d/nonexistent/port", "-edb.Zx"}, kNoOpen, 2},
     };
     for (const auto& c : cases) {
         Outcome out = RunTool(c.args);

@@ -3,21 +3,11 @@
 
 #include "zsim-wire.h"
 
-#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <string>
 #include <termios.h>
 #include <unistd.h>
-
-struct SimTempDir {
-    std::string path;
-    SimTempDir() {
-        char pattern[] = "/tmp/zsim-test-XXXXXX";
-        path = mkdtemp(pattern);
-    }
-    ~SimTempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-};
 
 struct SimHost {
     int fd = -1;
@@ -29,11 +19,7 @@ struct SimHost {
             tcsetattr(fd, TCSANOW, &tio);
         }
     }
-    ~SimHost() {
-        if (fd >= 0) {
-            close(fd);
-        }
-    }
+    ~SimHost() { close(fd); }
     void Send(const zsim::Bytes& bytes) const {
         ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "sim_host.h"
+#include "zavra_test_files.h"
 
 #include <climits>
 #include <thread>
@@ -21,8 +22,8 @@ std::string LinkTarget(const std::string& link) {
 } // namespace
 
 TEST(SimPort, LinkFollowsThePortThroughHangUpAndReturn) {
-    SimTempDir dir;
-    std::string link = dir.path + "/port";
+    zavra_test::TempDir dir;
+    std::string link = dir.Path() + "/port";
     PtyPort port;
     ASSERT_TRUE(port.Open(link));
     EXPECT_EQ(LinkTarget(link), port.SlavePath());
@@ -45,19 +46,18 @@ TEST(SimPort, LinkFollowsThePortThroughHangUpAndReturn) {
 }
 
 TEST(SimPort, DrainWaitsForASlowReaderAndGivesUpWithoutOne) {
-    SimTempDir dir;
+    zavra_test::TempDir dir;
     PtyPort port;
-    ASSERT_TRUE(port.Open(dir.path + "/port"));
+    ASSERT_TRUE(port.Open(dir.Path() + "/port"));
     Bytes sent(3000);
-    for (size_t i = 0; i < sent.size(); ++i) {
+    for (size_t i = 0; i < sent.size(); ++i)
         sent[i] = static_cast<uint8_t>(i * 7);
-    }
     // Nobody has the port open: the drain gives up early and the hang-up counts the loss.
     ASSERT_EQ(write(port.MasterFd(), sent.data(), 1000), 1000);
     EXPECT_FALSE(port.Drain(2000));
     EXPECT_EQ(port.HangUp(), 1000u);
 
-    ASSERT_TRUE(port.Open(dir.path + "/port"));
+    ASSERT_TRUE(port.Open(dir.Path() + "/port"));
     SimHost host(port.LinkPath());
     ASSERT_EQ(write(port.MasterFd(), sent.data(), sent.size()), 3000);
     Bytes got;

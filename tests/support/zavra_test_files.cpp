@@ -1,33 +1,12 @@
 #include "zavra_test_files.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 
 namespace zavra_test {
-
-namespace {
-// Never follows a symbolic link: a link to a directory is removed, not what it points to.
-void RemoveTree(const std::string& path) {
-    struct stat info;
-    DIR* dir =
-        lstat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode) ? opendir(path.c_str()) : nullptr;
-    if (dir == nullptr) {
-        unlink(path.c_str());
-        return;
-    }
-    while (dirent* entry = readdir(dir)) {
-        std::string name = entry->d_name;
-        if (name != "." && name != "..")
-            RemoveTree(path + "/" + name);
-    }
-    closedir(dir);
-    rmdir(path.c_str());
-}
-} // namespace
 
 TempDir::TempDir() {
     const char* base = getenv("TMPDIR");
@@ -38,8 +17,10 @@ TempDir::TempDir() {
 }
 
 TempDir::~TempDir() {
+    // remove_all never follows a symbolic link: a link to a directory goes, not what it points to.
+    std::error_code ignored;
     if (!m_path.empty())
-        RemoveTree(m_path);
+        std::filesystem::remove_all(m_path, ignored);
 }
 
 std::string ReadFile(const std::string& path) {
