@@ -43,7 +43,7 @@ TEST(ZvAString, RemoveQuotesOnlyStripsMatchedOuterPairs) {
     }
 }
 
-TEST(ZvAString, PrefixAndSuffixMatching) {
+TEST(ZvAString, MatchingReplacingAndFormatting) {
     ZvAString s("AT+CRASH?"), rest("untouched"), head("untouched");
     const char* after = nullptr;
     EXPECT_TRUE(s.StartsWith("AT+", &after));
@@ -53,10 +53,16 @@ TEST(ZvAString, PrefixAndSuffixMatching) {
     EXPECT_EQ(rest + head, "untoucheduntouched");
     EXPECT_TRUE(ZvAString("file.zom").EndsWith(".zom", &head));
     EXPECT_EQ(head, "file");
-}
+    s = "Crash Info: crash";
+    EXPECT_EQ(s.IndexI("CRASH", 1), 12u);
 
-TEST(ZvAString, FormattingHasNoLengthLimit) {
-    ZvAString big(100000, 'x'), s;
+    s = "a/b//c";
+    s.Replace("/", "//"); // never rescans what it inserted
+    EXPECT_EQ(s, "a//b////c");
+    s.Replace("/", ""); // an empty replacement deletes
+    EXPECT_EQ(s, "abc");
+
+    ZvAString big(100000, 'x'); // formatting has no length limit
     EXPECT_EQ(s.Printf("<%s|%*d>", big.c_str(), 70000, 7), 100000 + 70000 + 3);
     EXPECT_EQ(s.substr(100000, 3) + s.substr(s.size() - 3), "x|  7>");
     s.Printf("%s", s.c_str()); // formatting its own text
@@ -64,16 +70,6 @@ TEST(ZvAString, FormattingHasNoLengthLimit) {
     s = "n=";
     s.AddPrintf("%d,%s", 5, "t");
     EXPECT_EQ(s, "n=5,t");
-}
-
-TEST(ZvAString, ReplaceNeverRescansAndSearchIgnoresCase) {
-    ZvAString s("a/b//c");
-    s.Replace("/", "//");
-    EXPECT_EQ(s, "a//b////c");
-    s.Replace("/", ""); // an empty replacement deletes
-    EXPECT_EQ(s, "abc");
-    s = "Crash Info: crash";
-    EXPECT_EQ(s.IndexI("CRASH", 1), 12u);
 }
 
 // "[a][][b]" for the list a, "", b.
@@ -104,7 +100,7 @@ TEST(ZvAStringList, SetDelimitedKeepsEmptyPieces) {
 
 using StringListFiles = ScratchDir;
 
-TEST_F(StringListFiles, LineEndingsSplitAsDocumented) {
+TEST_F(StringListFiles, LoadSaveAndAppend) {
     const std::pair<ZvAString, const char*> cases[] = {
         {"x\r\ny\n\nz", "[x][y][][z]"},
         {"a\rb\n", "[a][b]"},
@@ -112,15 +108,12 @@ TEST_F(StringListFiles, LineEndingsSplitAsDocumented) {
         {ZvAString("a\nb\0c\nd", 7), "[a][b]"}, // nothing after a NUL
         {"", ""},
     };
+    ZvAStringList list, loaded;
     for (auto& c : cases) {
-        ZvAStringList list;
         EXPECT_TRUE(list.LoadFromFile(Write("lines", c.first)));
         EXPECT_EQ(Bracketed(list), c.second);
     }
-}
 
-TEST_F(StringListFiles, SaveAppendAndLoadRoundTrip) {
-    ZvAStringList list, loaded;
     list.SetDelimited("one,,three", ',');
     ASSERT_TRUE(list.SaveToFile("l"));
     ASSERT_TRUE(list.AppendToFile("l"));
@@ -132,17 +125,15 @@ TEST_F(StringListFiles, SaveAppendAndLoadRoundTrip) {
     // A missing file leaves one explanatory line instead of the contents.
     EXPECT_FALSE(loaded.AppendFromFile("missing"));
     EXPECT_EQ(Bracketed(loaded), "[Could not open file]");
-}
 
-// A directory opens for reading and some file systems report the largest offset as its size:
-// the load must fail and keep the content, never abort.
-TEST_F(StringListFiles, LoadingADirectoryFailsAndKeepsTheContent) {
+    // A directory opens for reading and some file systems report the largest offset as its
+    // size: the load must fail and keep the content, never abort.
     ZvAString text("keep");
     EXPECT_FALSE(text.LoadFromFile(m_dir.c_str()));
-    ZvAStringList lines;
-    lines.Add(text);
-    EXPECT_FALSE(lines.AppendFromFile(m_dir));
-    EXPECT_EQ(Bracketed(lines), "[keep]");
+    list.Clear();
+    list.Add(text);
+    EXPECT_FALSE(list.AppendFromFile(m_dir));
+    EXPECT_EQ(Bracketed(list), "[keep]");
 }
 
 } // namespace

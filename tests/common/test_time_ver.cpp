@@ -17,32 +17,19 @@ void SetTimeZone(const char* zone) {
 
 constexpr long long kAug15At140509Utc = 1376575509LL * 1000000;
 
-TEST(ZvTime, TickDifferencesSurviveTheWrap) {
+// The tick is the wall clock in milliseconds, truncated to 32 bits; Sleep does the whole
+// seconds and the rest.
+TEST(ZvTime, TickFollowsTheWallClockAcrossTheWrapAndSleepWaitsItAll) {
     EXPECT_EQ(ZvTime::DiffMsTime(0xFFFFFFF0u, 0x10u), 32u);
-    // The tick is the wall clock in milliseconds, truncated to 32 bits.
-    const unsigned wallMs = static_cast<unsigned>(time(nullptr) * 1000ULL);
-    EXPECT_LT(ZvTime::DiffMsTime(wallMs, ZvTime::GetMsTickTime()), 2000u);
-}
-
-TEST(ZvTime, SleepDoesBothTheSecondsAndTheRest) {
-    unsigned start = ZvTime::GetMsTickTime();
+    const unsigned start = ZvTime::GetMsTickTime();
+    EXPECT_LT(ZvTime::DiffMsTime(static_cast<unsigned>(time(nullptr) * 1000ULL), start), 2000u);
     ZvTime::Sleep(1020);
-    unsigned slept = ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime());
+    const unsigned slept = ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime());
     EXPECT_GE(slept + 1, 1020u); // the tick itself has millisecond granularity
     EXPECT_LT(slept, 2500u);
 }
 
-TEST(ZvTime, LocalDatesAndMidnightFollowTheTimeZone) {
-    SetTimeZone("UTC-2"); // two hours east of UTC, no daylight saving
-    EXPECT_EQ(ZvTime::UsSinceEpoch(2013, 8, 15, 16, 5, 9, 7), kAug15At140509Utc + 7);
-    EXPECT_EQ(ZvTime::UsSinceMidnight(kAug15At140509Utc + 7),
-              (16 * 3600 + 5 * 60 + 9) * 1000000LL + 7);
-    EXPECT_EQ(ZvTimeData().m_localOffsetUs, 7200LL * 1000000);
-    SetTimeZone("EST5");
-    EXPECT_EQ(ZvTimeData().m_localOffsetUs, -5 * 3600LL * 1000000);
-}
-
-// The texts name the current local time: accept the second before or after the call.
+// Accepts the text of the second before or after the call.
 void ExpectNowAs(const char* (*get)(), const char* layout) {
     char before[64], after[64];
     time_t t = time(nullptr);
@@ -53,29 +40,35 @@ void ExpectNowAs(const char* (*get)(), const char* layout) {
     EXPECT_THAT(text, ::testing::AnyOf(std::string(before), std::string(after)));
 }
 
-TEST(ZvTime, DateTimeTexts) {
-    SetTimeZone("UTC-3");
+TEST(ZvTime, LocalTimesFollowTheTimeZone) {
+    SetTimeZone("UTC-2"); // two hours east of UTC, no daylight saving
+    EXPECT_EQ(ZvTime::UsSinceEpoch(2013, 8, 15, 16, 5, 9, 7), kAug15At140509Utc + 7);
+    EXPECT_EQ(ZvTime::UsSinceMidnight(kAug15At140509Utc + 7),
+              (16 * 3600 + 5 * 60 + 9) * 1000000LL + 7);
+    EXPECT_EQ(ZvTimeData().m_localOffsetUs, 7200LL * 1000000);
+    SetTimeZone("EST5");
+    EXPECT_EQ(ZvTimeData().m_localOffsetUs, -5 * 3600LL * 1000000);
+
+    SetTimeZone("UTC-3"); // the texts name the current local time
     ExpectNowAs(ZvTime::GetReverseTimeString, "%y-%m-%d_%H-%M-%S");
     ExpectNowAs(ZvTime::GetReverseTimeStringText, "%d/%m/%Y %H:%M:%S");
     ExpectNowAs(ZvTime::GetNormalTimeString, "%H:%M:%S %d/%m/%y");
 }
 
-TEST(ZvVer, BuildNumberFromTheBuildDate) {
-    // An unknown month counts as January; missing words count as zero.
-    const std::pair<const char*, unsigned> cases[] = {{"aug 15 2013", 4655},
-                                                      {"Foo 1 2004", 41},
-                                                      {"Dec 31 2140", 255},
-                                                      {"Aug 15", 335},
-                                                      {"", 0},
-                                                      {"'Aug' \"15\" 2013", 4655}};
+TEST(ZvVer, BuildNumberAndVersionTexts) {
+    const std::pair<const char*, unsigned> cases[] = {
+        // an unknown month counts as January; missing words count as zero
+        {"aug 15 2013", 4655},
+        {"Foo 1 2004", 41},
+        {"Dec 31 2140", 255},
+        {"Aug 15", 335},
+        {"", 0},
+        {"'Aug' \"15\" 2013", 4655},
+    };
     for (auto& c : cases)
         EXPECT_EQ(ZvVer(1, 8, c.first).GetBuildNumber(), c.second) << c.first;
-}
-
-TEST(ZvVer, VersionTexts) {
-    ZvVer ver(1, 8, "Aug 15 2013");
     ZvAString text;
-    ver.GetFullVersionString(text);
+    ZvVer(1, 8, "Aug 15 2013").GetFullVersionString(text);
     EXPECT_EQ(text, "Version 1.8.4655 (Aug 15 2013)");
     ZvVer(1, 8, "Jan 1 2004").GetNumberString(text);
     EXPECT_EQ(text, "1.8.0041");

@@ -43,57 +43,47 @@ TEST(Crit, OwnerReentersOthersWait) {
 
 namespace {
 
-// Held by the worker until the test posts it.
-struct Gate {
-    ZvSema go;
-    std::atomic<bool> passed{false};
-    Gate() { go.Create(0); }
-};
+std::atomic<int> g_unwound{0};
+std::atomic<bool> g_passed{false}, g_readReturned{false};
 
 struct Unwound {
-    std::atomic<int>& count;
-    ~Unwound() { ++count; }
+    ~Unwound() { ++g_unwound; }
 };
-
-std::atomic<int> g_unwound{0};
-std::atomic<bool> g_readReturned{false};
 
 } // namespace
 
-TEST(Thread, StartAndFinishHandshakes) {
+// One object runs three workers in turn: gated, acknowledging itself, and stuck for good.
+TEST(Thread, StartFinishAndTerminateHandshakes) {
     ZvThread thread;
     EXPECT_FALSE(thread.Create(nullptr, nullptr, 0));
-    Gate gate;
+    ZvSema gate;
+    ASSERT_TRUE(gate.Create(0));
     auto waitAtGate = [](ZvThread*, void* p) {
-        static_cast<Gate*>(p)->go.Wait();
-        static_cast<Gate*>(p)->passed = true;
+        static_cast<ZvSema*>(p)->Wait();
+        g_passed = true;
     };
     ASSERT_TRUE(thread.Create(waitAtGate, &gate, 0));
     EXPECT_TRUE(thread.WaitForThreadStart(2000));
     EXPECT_FALSE(thread.WaitForThreadFinish(50));
-    gate.go.Post();
+    gate.Post();
     EXPECT_TRUE(thread.WaitForThreadFinish(ZvThread::kWaitForever));
-    EXPECT_TRUE(gate.passed);
+    EXPECT_TRUE(g_passed);
 
-    // The object runs a new worker once the first has finished; this one acknowledges itself.
-    Gate second;
     auto ackAfterGate = [](ZvThread* self, void* p) {
-        static_cast<Gate*>(p)->go.Wait();
+        static_cast<ZvSema*>(p)->Wait();
         self->AckThreadStarted();
     };
-    ASSERT_TRUE(thread.Create(ackAfterGate, &second, ZvThread::kManualAck));
+    ASSERT_TRUE(thread.Create(ackAfterGate, &gate, ZvThread::kManualAck));
     EXPECT_FALSE(thread.WaitForThreadStart(100));
-    second.go.Post();
+    gate.Post();
     EXPECT_TRUE(thread.WaitForThreadStart(2000));
     EXPECT_TRUE(thread.WaitForThreadFinish(2000));
-}
 
-TEST(Thread, TerminateEndsWorkerBlockedInSystemCall) {
+    // Terminate ends a worker blocked in a system call, unwinding its stack.
     int pipeFds[2];
     ASSERT_EQ(0, pipe(pipeFds));
-    ZvThread thread;
     auto blockInRead = [](ZvThread*, void* p) {
-        Unwound guard{g_unwound};
+        Unwound guard;
         char byte;
         (void)!read(*static_cast<int*>(p), &byte, 1); // never gets data
         g_readReturned = true;
@@ -104,7 +94,7 @@ TEST(Thread, TerminateEndsWorkerBlockedInSystemCall) {
     thread.Terminate(0);
     EXPECT_TRUE(thread.WaitForThreadFinish(2000));
     EXPECT_FALSE(g_readReturned);
-    EXPECT_EQ(1, g_unwound.load()); // the worker's stack objects were unwound
+    EXPECT_EQ(1, g_unwound.load());
     close(pipeFds[0]);
     close(pipeFds[1]);
 }
