@@ -21,7 +21,6 @@ protected:
         EXPECT_TRUE(ZvFileUtil::ChDir(m_savedCwd.c_str()));
         ZvFileUtil::DeleteDir(m_dir.c_str(), true);
     }
-    // Writes `content` to `name` and returns the name.
     static ZvAString Write(const char* name, const ZvAString& content) {
         EXPECT_TRUE(content.SaveToFile(name));
         return name;

@@ -7,16 +7,14 @@
 #include "scratch_dir.h"
 #include "zv-b64.h"
 
-namespace {
-
-ZvAString Encoded(const ZvAString& bytes) {
+static ZvAString Encoded(const ZvAString& bytes) {
     ZvAString out("stale");
     ZvB64::Encode(reinterpret_cast<const unsigned char*>(bytes.data()),
                   static_cast<int>(bytes.size()), out);
     return out;
 }
 
-ZvAString Decoded(const ZvAString& text, bool* ok = nullptr, ZvAString* error = nullptr) {
+static ZvAString Decoded(const ZvAString& text, bool* ok = nullptr, ZvAString* error = nullptr) {
     ZvAString out("stale");
     unsigned length = 12345;
     bool result = ZvB64::Decode(text.data(), static_cast<int>(text.size()), out, length, error);
@@ -73,5 +71,3 @@ TEST_F(ZvB64Coreutils, RandomDataOfEveryLengthMatches) {
     ASSERT_EQ(pclose(pipe), 0);
     EXPECT_EQ(length, data.size());
 }
-
-} // namespace

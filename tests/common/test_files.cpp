@@ -8,8 +8,6 @@
 #include "scratch_dir.h"
 #include "zv-file.h"
 
-namespace {
-
 using ::testing::MatchesRegex;
 using Files = ScratchDir;
 
@@ -183,5 +181,3 @@ TEST_F(Files, TypesTreesAndFindMatchingShellWildcardsIncludingDotNames) {
     EXPECT_TRUE(ZvFileUtil::DeleteDir("tree", true));
     EXPECT_EQ(ZvFileUtil::GetFileType("tree"), ZvFileUtil::FileTypeMissing);
 }
-
-} // namespace

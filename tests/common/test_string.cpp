@@ -7,8 +7,6 @@
 #include "zv-string-ascii.h"
 #include "zv-string-list-ascii.h"
 
-namespace {
-
 TEST(ZvAString, NameAndValueSplitAtLastEqualsTrimmedAndUnquoted) {
     const std::tuple<const char*, bool, const char*> cases[] = {
         // text, remove quotes, "name|value" ("|" when there is no equals sign)
@@ -73,7 +71,7 @@ TEST(ZvAString, MatchingReplacingAndFormatting) {
 }
 
 // "[a][][b]" for the list a, "", b.
-std::string Bracketed(const ZvAStringList& list) {
+static std::string Bracketed(const ZvAStringList& list) {
     std::string text;
     for (unsigned i = 0; i < list.Count(); ++i)
         text += "[" + list[i] + "]";
@@ -135,5 +133,3 @@ TEST_F(StringListFiles, LoadSaveAndAppend) {
     EXPECT_FALSE(list.AppendFromFile(m_dir));
     EXPECT_EQ(Bracketed(list), "[keep]");
 }
-
-} // namespace

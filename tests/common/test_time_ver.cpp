@@ -7,15 +7,13 @@
 #include "zv-time.h"
 #include "zv-ver.h"
 
-namespace {
-
 // Time zones as POSIX TZ texts, which need no zone database; every test sets the one it needs.
-void SetTimeZone(const char* zone) {
+static void SetTimeZone(const char* zone) {
     setenv("TZ", zone, 1);
     tzset();
 }
 
-constexpr long long kAug15At140509Utc = 1376575509LL * 1000000;
+static constexpr long long kAug15At140509Utc = 1376575509LL * 1000000;
 
 // The tick is the wall clock in milliseconds, truncated to 32 bits; Sleep does the whole
 // seconds and the rest.
@@ -30,7 +28,7 @@ TEST(ZvTime, TickFollowsTheWallClockAcrossTheWrapAndSleepWaitsItAll) {
 }
 
 // Accepts the text of the second before or after the call.
-void ExpectNowAs(const char* (*get)(), const char* layout) {
+static void ExpectNowAs(const char* (*get)(), const char* layout) {
     char before[64], after[64];
     time_t t = time(nullptr);
     strftime(before, sizeof(before), layout, localtime(&t));
@@ -73,5 +71,3 @@ TEST(ZvVer, BuildNumberAndVersionTexts) {
     ZvVer(1, 8, "Jan 1 2004").GetNumberString(text);
     EXPECT_EQ(text, "1.8.0041");
 }
-
-} // namespace

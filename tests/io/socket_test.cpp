@@ -53,37 +53,31 @@ struct Pair {
 
 } // namespace
 
-TEST(Socket, PeerAddressesInNetworkOrder) {
+TEST(Socket, AcceptGivesThePeerAddressAndOpenFailures) {
     Server server;
-    ZvSocket accepted;
+    ZvSocket accepted, sock;
     int raw = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in from{AF_INET, 0, {inet_addr("127.0.0.7")}, {}};
+    sockaddr_in from{AF_INET, 0, {inet_addr("127.0.0.7")}, {}}; // unlike its byte-swapped form
     ASSERT_EQ(0, bind(raw, reinterpret_cast<sockaddr*>(&from), sizeof(from)));
     sockaddr_in to{AF_INET, htons(static_cast<uint16_t>(server.port)), {kLoopback}, {}};
     server.Accept(accepted,
                   [&] { return connect(raw, reinterpret_cast<sockaddr*>(&to), sizeof(to)) == 0; });
     EXPECT_EQ("127.0.0.7", accepted.GetPeerAddress());
     close(raw);
-}
 
-TEST(Socket, OpenFailures) {
-    ZvSocket sock;
     EXPECT_FALSE(sock.OpenServer(-1));
-
     // Closing the listening socket releases a thread blocked in accept.
-    Server server;
-    std::atomic<int> accepted{-1};
-    std::thread acceptor([&] { accepted = sock.OpenServer(server.fd) ? 1 : 0; });
+    std::atomic<int> result{-1};
+    std::thread acceptor([&] { result = sock.OpenServer(server.fd) ? 1 : 0; });
     ZvTime::Sleep(50);
     ZvSocket::CloseSocketServer(server.fd);
     acceptor.join();
-    EXPECT_EQ(0, accepted.load());
+    EXPECT_EQ(0, result.load());
 
     // Bound but not listening: connections are refused.
     int bound = -1;
     ASSERT_TRUE(ZvSocket::OpenSocketServer(0, bound, 0, 0));
-    const int port = ZvSocket::GetLocalPort(bound);
-    EXPECT_FALSE(sock.OpenClient(port, kLoopback));
+    EXPECT_FALSE(sock.OpenClient(ZvSocket::GetLocalPort(bound), kLoopback));
     EXPECT_EQ("Failed to connect to socket (111).", sock.GetLastMessage());
     ZvSocket::CloseSocketServer(bound);
 }
@@ -126,15 +120,16 @@ TEST(Socket, WaitsAndSplitWaits) {
     EXPECT_EQ(1, pair.far.SplitWait(ZvSocket::kWaitRead, 10000, abort, 50));
 }
 
-TEST(Socket, PeerLeavingMidReadAndAfterwards) {
-    Pair pair;
+// One peer leaves during a read; another connection is closed while a second thread writes.
+TEST(Socket, PeerLeavingAndCloseDuringWrites) {
+    Pair gone, live;
     std::atomic<int> result{99};
     std::thread reader([&] {
         char buffer[16];
-        result = pair.far.Read(buffer, sizeof(buffer));
+        result = gone.far.Read(buffer, sizeof(buffer));
     });
     ZvTime::Sleep(50);
-    pair.near.Close();
+    gone.near.Close();
     reader.join();
     EXPECT_EQ(0, result.load()); // end of stream
 
@@ -142,28 +137,24 @@ TEST(Socket, PeerLeavingMidReadAndAfterwards) {
     char block[4096] = {};
     int last = 0;
     for (int i = 0; i < 100 && last >= 0; ++i)
-        last = (i % 2) ? pair.far.Write(block, sizeof(block))
-                       : pair.far.WriteNonBlocking(block, sizeof(block));
+        last = (i % 2) ? gone.far.Write(block, sizeof(block))
+                       : gone.far.WriteNonBlocking(block, sizeof(block));
     EXPECT_EQ(-1, last);
     EXPECT_TRUE(errno == EPIPE || errno == ECONNRESET) << errno;
-}
 
-TEST(Socket, CloseWhileAnotherThreadWrites) {
-    Pair pair;
     std::atomic<bool> stop{false};
     std::thread drain([&] {
-        char buffer[4096];
-        while (pair.near.Read(buffer, sizeof(buffer)) > 0) {
+        while (live.near.Read(block, sizeof(block)) > 0) {
         }
     });
     std::thread writer([&] {
         const char chunk[512] = {};
         while (!stop)
-            pair.far.WriteNonBlocking(chunk, sizeof(chunk));
+            live.far.WriteNonBlocking(chunk, sizeof(chunk));
     });
     ZvTime::Sleep(30);
-    pair.far.Close();
-    EXPECT_EQ(0, pair.far.Write("x", 1));
+    live.far.Close();
+    EXPECT_EQ(0, live.far.Write("x", 1));
     stop = true;
     writer.join();
     drain.join(); // the shutdown ended the peer's stream
