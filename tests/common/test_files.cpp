@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <set>
+#include <tuple>
 
 #include "scratch_dir.h"
 #include "zv-file.h"
@@ -11,7 +12,7 @@
 using ::testing::MatchesRegex;
 using Files = ScratchDir;
 
-TEST(ZvFileUtilPaths, SplitMergeAndChangeLookOnlyAtTheFileName) {
+TEST_F(Files, PathsSplitMergeChangeAndBecomeAbsolute) {
     const char* cases[][2] = {
         // path, "drive|dir|name|ext"; backslash is no separator
         {"/a/b.c/file", "|/a/b.c/|file|"},
@@ -37,6 +38,21 @@ TEST(ZvFileUtilPaths, SplitMergeAndChangeLookOnlyAtTheFileName) {
     EXPECT_EQ(s, "/d/y");
     ZvFileUtil::ChangeFullFileName(s, "run.zom", "crash.zip");
     EXPECT_EQ(s, "crash.zip");
+
+    ASSERT_TRUE(ZvFileUtil::MakeDir("sub"));
+    Write("sub/f.txt", "");
+    const std::tuple<const char*, bool, ZvAString> relative[] = {
+        // path, is a directory, absolute path
+        {" sub/../sub/f.txt ", false, m_dir + "/sub/f.txt"}, // existing: resolved by the system
+        {"new/x.zom", false, m_dir + "/new/x.zom"},          // missing: appended as given
+        {"sub/", true, m_dir + "/sub/"},
+        {"", true, m_dir},
+        {"/abs/d/", true, "/abs/d/"},
+    };
+    for (auto& [path, isDir, absolute] : relative) {
+        ZvFileUtil::RelativeToAbsolutePath(path, s, isDir);
+        EXPECT_EQ(s, absolute) << path;
+    }
 }
 
 TEST_F(Files, ReadLineWriteSeekAndSize) {
@@ -102,24 +118,6 @@ TEST_F(Files, CopyAppendAndRenameAcrossFileSystems) {
     EXPECT_FALSE(ZvFile::Exists(pattern));
     EXPECT_EQ(Read("here"), "moved");
     unlink(pattern);
-}
-
-TEST_F(Files, RelativePathsBecomeAbsolute) {
-    ASSERT_TRUE(ZvFileUtil::MakeDir("sub"));
-    Write("sub/f.txt", "");
-    const std::tuple<const char*, bool, ZvAString> cases[] = {
-        // path, is a directory, absolute path
-        {" sub/../sub/f.txt ", false, m_dir + "/sub/f.txt"}, // existing: resolved by the system
-        {"new/x.zom", false, m_dir + "/new/x.zom"},          // missing: appended as given
-        {"sub/", true, m_dir + "/sub/"},
-        {"", true, m_dir},
-        {"/abs/d/", true, "/abs/d/"},
-    };
-    ZvAString out;
-    for (auto& [path, isDir, absolute] : cases) {
-        ZvFileUtil::RelativeToAbsolutePath(path, out, isDir);
-        EXPECT_EQ(out, absolute) << path;
-    }
 }
 
 // The only test that sets the writable directory, so its first call sees it unset.
