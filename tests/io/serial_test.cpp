@@ -140,6 +140,7 @@ TEST_F(ItfSerial, DeliversEveryByteSendsUnchangedAndFailsOnceOnHangUp) {
     pty.WriteAll(sent.data(), sent.size());
     ASSERT_TRUE(WaitUntil([&] { return recorder.got >= sent.size(); }, 10000));
     ZvTime::Sleep(500); // idle reads time out every 200 ms: no failure, no stray bytes
+    EXPECT_TRUE(itf.IsReading());
     EXPECT_EQ(0, recorder.fails.load());
     EXPECT_TRUE(recorder.bytes == sent);
     EXPECT_EQ(sent.size(), itf.GetBytesReceived());
