@@ -1,10 +1,11 @@
 // zavra_log_serial -a end to end: the real binary, a simulated modem on a pty, loopback clients.
 #include <gtest/gtest.h>
 
-#include <cctype>
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <functional>
+#include <regex>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -93,19 +94,13 @@ struct DaemonRun {
     }
 };
 
-// Whether `text` starts with `shape`, where '#' stands for any digit.
-bool Shaped(const std::string& text, const std::string& shape) {
-    for (size_t i = 0; i < shape.size(); ++i)
-        if (i >= text.size() ||
-            (shape[i] == '#' ? !isdigit(static_cast<unsigned char>(text[i])) : text[i] != shape[i]))
-            return false;
-    return true;
-}
+const std::string kLogName = R"(daemon_\d\d-\d\d-\d\d_\d\d-\d\d-\d\d)";
 
+// The segment number in a daemon file name; "?" for any other name.
 std::string Segment(const std::string& name) {
-    return Shaped(name, "daemon_##-##-##_##-##-##_###.zom") && name.size() == 32
-               ? name.substr(25, 3)
-               : "?";
+    std::smatch match;
+    return std::regex_match(name, match, std::regex(kLogName + R"(_(\d{3})\.zom)")) ? match[1].str()
+                                                                                    : "?";
 }
 
 } // namespace
@@ -137,7 +132,8 @@ TEST(DaemonTool, SegmentsOfExactSizeHoldTheTailOfTheStreamWithinTheBudgetPastASt
     EXPECT_EQ(run.modem.RecordsWithId(run.modem.Ids().hostTime).size(), 13u);
 
     for (const std::string& line : JournalLines(run.store))
-        EXPECT_TRUE(Shaped(line, "##/##/#### ##:##:##: ") && line.size() > 21) << line;
+        EXPECT_TRUE(std::regex_search(line, std::regex(R"(^\d\d/\d\d/\d{4} \d\d:\d\d:\d\d: .)")))
+            << line;
     for (std::string once : {": Total Size: 8388608", ": File Size: 1048576", "Shut down"})
         EXPECT_EQ(JournalCount(run.store, once), 1) << once;
     EXPECT_EQ(JournalCount(run.store, "Deleting old file '"), 4);
@@ -191,13 +187,11 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
         << "the client sees a contiguous piece of the stream";
     const std::string down = "client bytes for the modem \x01\x02\x03";
     ASSERT_TRUE(zavra_test::WriteAll(client, down));
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-            auto raw = run.modem.RawReceived();
-            return std::string(raw.begin(), raw.end()).find(down) != std::string::npos;
-        },
-        5000))
-        << "the client's bytes reach the modem";
+    auto reached = [&] {
+        auto raw = run.modem.RawReceived();
+        return std::search(raw.begin(), raw.end(), down.begin(), down.end()) != raw.end();
+    };
+    EXPECT_TRUE(WaitUntil(reached, 5000)) << "the client's bytes reach the modem";
     const size_t opens = run.modem.RecordsWithId(run.modem.Ids().open).size();
     close(client);
     EXPECT_TRUE(run.modem.WaitForRecordId(run.modem.Ids().open, 5000, opens + 1))
@@ -224,7 +218,7 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
     std::vector<std::string> names = ZomFiles(run.store);
     ASSERT_EQ(names.size(), 2u);
     for (const std::string& name : names)
-        EXPECT_TRUE(Shaped(name, "daemon_##-##-##_##-##-##.zom") && name.size() == 28) << name;
+        EXPECT_TRUE(std::regex_match(name, std::regex(kLogName + R"(\.zom)"))) << name;
     EXPECT_LT(names[0], names[1]) << "a new log with a later name";
     EXPECT_EQ(static_cast<uint64_t>(ZomBytes(run.store)), run.modem.Counters().delivered);
     if (run.modem.Counters().discarded == 0) {

@@ -25,12 +25,6 @@ Bytes Message(uint32_t id, uint32_t kor, bool request) {
     return out;
 }
 
-// All the tool sends: the close messages at start-up, the two requests, the closes at exit.
-std::vector<Bytes> Exchange(uint32_t base) {
-    const Bytes close0 = Message(base + 1, 0, false), close1 = Message(base + 1, 1, false);
-    return {close0, close1, Message(base + 7, 1, true), Message(base + 9, 1, true), close0, close1};
-}
-
 class TgtDbE2eTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -57,13 +51,15 @@ protected:
         return tool.Stderr().find(text) != std::string::npos;
     }
 
-    // The records the modem received, compared with the literal messages expected.
-    void ExpectReceived(const std::vector<Bytes>& expected) {
+    // All the modem received: the closes at start-up, the two requests, the closes at exit.
+    void ExpectExchange(uint32_t base) {
         modem.WaitForHostQuiet(150, 3000); // what the tool wrote just before it exited
         std::vector<Bytes> got;
         for (const zsim::HostRecord& r : modem.Records())
             got.push_back(r.bytes);
-        EXPECT_EQ(got, expected);
+        const Bytes close0 = Message(base + 1, 0, false), close1 = Message(base + 1, 1, false);
+        EXPECT_EQ(got, (std::vector<Bytes>{close0, close1, Message(base + 7, 1, true),
+                                           Message(base + 9, 1, true), close0, close1}));
     }
 
     zavra_test::TempDir dir;
@@ -80,7 +76,7 @@ TEST_F(TgtDbE2eTest, DatabaseArrivesByteForByteAfterLiteralRequests) {
     EXPECT_TRUE(zavra_test::ReadFile(output) == database);
     EXPECT_TRUE(Said(kComplete)) << tool.Stderr();
     EXPECT_FALSE(Said("Waiting for sends to complete")) << "extraction skips the exit drain";
-    ExpectReceived(Exchange(0x35));
+    ExpectExchange(0x35);
 }
 
 TEST_F(TgtDbE2eTest, BaseIdOptionMovesEveryIdAndFullRecordsArrive) {
@@ -88,7 +84,7 @@ TEST_F(TgtDbE2eTest, BaseIdOptionMovesEveryIdAndFullRecordsArrive) {
     options.db.chunkSize = 20472; // the largest data record, and a size that divides exactly
     EXPECT_EQ(Run(20472 * 12, {"-c0x1F8"}), 0) << zavra_test::Describe(tool);
     EXPECT_TRUE(zavra_test::ReadFile(output) == database);
-    ExpectReceived(Exchange(0x1F8));
+    ExpectExchange(0x1F8);
 }
 
 // The second attempt completes the file, with layout B confirms among log records and garbage.
