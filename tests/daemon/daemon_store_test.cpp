@@ -1,5 +1,4 @@
-// The store in-process: segment sizes and the chunk split, the budget after every chunk, odd
-// files found at start, and faults of the file system.
+// The daemon store in-process, with port hooks that only count.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -23,7 +22,6 @@ std::string MakeStream(size_t size, unsigned seed = 1) {
     return out;
 }
 
-// A daemon whose port hooks only count.
 class CountingDaemon : public ZlZomDaemon {
 public:
     ~CountingDaemon() override { Shutdown(); }
@@ -43,8 +41,7 @@ struct Store {
     std::string dir = scratch.Path();
     CountingDaemon daemon;
 
-    // Waits until the connect thread has opened the pretend port, so that no connect request ends
-    // the first log behind the test's back.
+    // Waits for the pretend port, so that no connect request ends the first log behind the test.
     bool Start(unsigned long long total, unsigned long long file) {
         ZvVer version(1, 8);
         if (!daemon.Initialise(dir.c_str(), total, file, version))
@@ -96,8 +93,7 @@ TEST(DaemonStore, SegmentsEndAtTheLimitAndAnOversizedChunkIsSplitOnce) {
     EXPECT_EQ(JournalCount(store.dir, "File limit exceeded but no open file, num bytes 2500"), 1);
 }
 
-// Files found at start count: here a log removed by hand before its turn, beside a directory
-// named like a log and the previous run's journal.
+// Files found at start count: a log removed by hand, a directory named like a log, a journal.
 TEST(DaemonStore, TheBudgetHoldsAfterEveryChunkAndKeepsTheStreamsTail) {
     // The second budget is no larger than one segment: the segment just filled has to go.
     for (auto sizes : {std::make_pair(5000ull, 1000ull), std::make_pair(3000ull, 3000ull)}) {
@@ -122,8 +118,7 @@ TEST(DaemonStore, TheBudgetHoldsAfterEveryChunkAndKeepsTheStreamsTail) {
     }
 }
 
-// A segment that is a link to /dev/full fails every write with ENOSPC, as a full disk does, with
-// no file system to mount; a directory in the way of the next name makes its open fail.
+// A segment linked to /dev/full fails writes with ENOSPC; a directory in the way fails an open.
 TEST(DaemonStore, WriteAndOpenFailuresAreJournalledOnceAndTheStoreRecovers) {
     Store store;
     ASSERT_TRUE(store.Start(0, 1000));
@@ -143,8 +138,7 @@ TEST(DaemonStore, WriteAndOpenFailuresAreJournalledOnceAndTheStoreRecovers) {
     EXPECT_NE(ZomConcat(store.dir).find(after), std::string::npos);
 }
 
-// A log that starts within the same second as the previous one repeats its name: the segment
-// numbers continue, and segment 000's move behind the latest closed segment still works per log.
+// A second log started in the same second repeats the name: numbers go on, segment 000 still moves.
 TEST(DaemonStoreRepeatedName, SecondLogInTheSameSecondKeepsItsFirstSegmentWithoutComplaint) {
     // The two logs must start within one second; a second boundary in between is retried.
     for (int attempt = 0; attempt < 3; ++attempt) {

@@ -17,8 +17,7 @@ inline std::vector<std::string> ZomFiles(const std::string& dir) {
     if (DIR* handle = opendir(dir.c_str())) {
         while (dirent* entry = readdir(handle)) {
             const std::string name = entry->d_name;
-            if (entry->d_type == DT_REG && name.size() > 4 &&
-                name.substr(name.size() - 4) == ".zom")
+            if (entry->d_type == DT_REG && name.size() > 4 && name.rfind(".zom") == name.size() - 4)
                 names.push_back(name);
         }
         closedir(handle);

@@ -29,14 +29,12 @@ struct SimHost {
         uint8_t buffer[8192];
         while (out.size() < count) {
             pollfd pfd{fd, POLLIN, 0};
-            if (poll(&pfd, 1, quietMs) <= 0) {
+            if (poll(&pfd, 1, quietMs) <= 0)
                 break;
-            }
             ssize_t got = read(fd, buffer, std::min(sizeof buffer, count - out.size()));
             if (got <= 0) {
-                if (hungUp) {
+                if (hungUp)
                     *hungUp = true;
-                }
                 break;
             }
             out.insert(out.end(), buffer, buffer + got);

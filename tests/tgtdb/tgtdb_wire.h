@@ -1,5 +1,4 @@
-// Target-side records for the extraction tests, from the zol tests' own encoder, which is written
-// from the wire format alone so that it cannot share a mistake with the record library.
+// Target-side records from the zol tests' encoder, independent of the record library.
 #pragma once
 
 #include <cstdint>
