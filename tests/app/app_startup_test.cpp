@@ -68,13 +68,13 @@ TEST(StartUp, ModemReceivesTheExchangeInOrder) {
                 Bytes(r.bytes.begin(), r.bytes.begin() + (r.id == c.timeId ? 12 : r.bytes.size())));
             if (r.id != c.timeId)
                 continue;
-            // The host time: microseconds since the epoch, then since midnight.
+            // Microseconds since the epoch, then since midnight, which agrees with the epoch value
+            // to within a local time offset.
             ASSERT_EQ(r.bytes.size(), 28u);
             uint64_t usEpoch = 0, usMidnight = 0;
             ASSERT_TRUE(zsim::DecodeHostTime(&r.bytes[12], 16, usEpoch, usMidnight));
             EXPECT_GE(usEpoch + 1000000, Us(before));
             EXPECT_LE(usEpoch, Us(after) + 1000000);
-            // Since midnight agrees with the epoch value to within a local time offset.
             const uint64_t day = 86400ull * 1000000;
             EXPECT_LT(usMidnight, day);
             const uint64_t gap = (usMidnight + day - usEpoch % day) % day;
@@ -107,16 +107,13 @@ TEST(StartUp, TimeLimitEndsTheRunWithStatusZero) {
     StartTool(tool, {"-d" + bench.Port(), "-t", "-m1000", "-s" + bench.dir.File("empty.zos"),
                      bench.Out()});
     ExpectExit(tool, 0);
-    const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        std::chrono::steady_clock::now() - start)
-                        .count();
-    EXPECT_GE(ms, 1000);
-    EXPECT_LT(ms, 6000);
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took.count(), 1.0);
+    EXPECT_LT(took.count(), 6.0);
     const std::vector<HostRecord> after = RecordsAfterOpen(bench.modem);
     ASSERT_EQ(after.size(), 2u);
     EXPECT_EQ(after[0].id, 0x36u);
     EXPECT_EQ(after[1].id, 0x36u);
-    EXPECT_NE(tool.Stderr().find("Merged Stream: "), std::string::npos) << tool.Stderr();
 }
 
 } // namespace

@@ -43,7 +43,7 @@ struct FileRun {
     }
 };
 
-TEST(QoZolReadFile, ScriptWithGarbageAndACutRecordYieldsItsLegacyRecordsAndReportsGaps) {
+TEST(QoZolReadFile, MissingOrEmptyFileYieldsNothingAndAScriptItsRecordsAndGaps) {
     // Legacy records with garbage before, between and after them, and one per-KOR record that a
     // script reader (legacy sync only) must treat as garbage.
     std::mt19937 rng(2024);
@@ -58,11 +58,16 @@ TEST(QoZolReadFile, ScriptWithGarbageAndACutRecordYieldsItsLegacyRecordsAndRepor
     AppendGarbage(bytes, 7, c, rng);
     Append(bytes, c);
     const Bytes cut = Encode({1, 0, 0, 2, 0, RandomBody(40, rng)});
-    AppendGarbage(bytes, 5, cut, rng); // skipped, no whole record follows
-    bytes.insert(bytes.end(), cut.begin(),
-                 cut.begin() + 30); // ends the file, neither read nor skipped
+    AppendGarbage(bytes, 5, cut, rng);                        // skipped, no whole record follows
+    bytes.insert(bytes.end(), cut.begin(), cut.begin() + 30); // neither read nor skipped
 
     FileRun run;
+    // A missing file, then an empty one, give nothing.
+    EXPECT_FALSE(run.reader.OpenRead(run.dir.File("missing.zos").c_str()));
+    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
+    EXPECT_FALSE(run.reader.Rewind());
+    ASSERT_TRUE(run.reader.OpenRead(run.Write("empty.zos", {}).c_str()));
+    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
     ASSERT_TRUE(run.reader.OpenRead(run.Write("script.zos", bytes).c_str()));
     Gaps gaps;
     EXPECT_EQ(run.ReadAll(&gaps), (std::vector<Bytes>{a, b, c}));
@@ -75,15 +80,6 @@ TEST(QoZolReadFile, ScriptWithGarbageAndACutRecordYieldsItsLegacyRecordsAndRepor
     // Sent again on the next target initialisation: the same records from the start.
     ASSERT_TRUE(run.reader.Rewind());
     EXPECT_EQ(run.ReadAll(), (std::vector<Bytes>{a, b, c}));
-}
-
-TEST(QoZolReadFile, MissingFileEmptyFileAndNoRecordFailCleanly) {
-    FileRun run;
-    EXPECT_FALSE(run.reader.OpenRead(run.dir.File("missing.zos").c_str()));
-    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
-    EXPECT_FALSE(run.reader.Rewind());
-    ASSERT_TRUE(run.reader.OpenRead(run.Write("empty.zos", {}).c_str()));
-    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
 }
 
 TEST(QoZolResyncReport, TextRecordCarriesTheGapOnceWithTemplateFields) {
