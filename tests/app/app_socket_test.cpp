@@ -31,19 +31,39 @@ struct SocketRun {
     }
 };
 
-TEST(SocketClient, ReceivesTheWholeStream) {
+// The client reads the stream and sends a record every 100 ms from the moment it connects: the
+// tool opens the port only after the client connected, so the first ones wait for the start-of-log
+// exchange; and they come far more often than the 600 ms quiet period, yet cannot hold off the
+// exit.
+TEST(SocketClient, GetsTheWholeStreamWhileItsRecordsWaitForTheOpenAndCannotHoldOffTheExit) {
     SocketRun run;
     run.bench.options.gen.enabled = true;
     run.bench.options.gen.stopAfterBytes = 4u << 20;
     ASSERT_NO_FATAL_FAILURE(run.Start({"-v5"}));
+    // A record the client sends down: id 0x123 to KOR 0 with the body "CLNT".
+    const Bytes record = Hex("7F 80 7F 80 00 00 00 00 04 00 23 01 43 4C 4E 54");
+    std::atomic<bool> stop{false};
+    std::thread chatter([&] {
+        while (!stop && zavra_test::WriteAll(run.client, std::string(record.begin(), record.end())))
+            usleep(100000);
+    });
     // The client reads until the tool hangs up on it at exit.
     std::string got;
     std::thread reader([&] { got = zavra_test::ReadExactly(run.client, 8u << 20, 60000); });
+    ASSERT_TRUE(run.bench.modem.WaitForRecordId(0x123, 10000, 2)) << run.tool.Stderr();
+    // Nothing of it arrived before the start messages (closes, flushes, time, opens: 124 bytes).
+    Bytes raw = run.bench.modem.RawReceived();
+    ASSERT_GE(raw.size(), 124u + record.size());
+    EXPECT_EQ(ToHex(Bytes(raw.begin() + 124, raw.begin() + 124 + record.size())), ToHex(record));
     ASSERT_TRUE(run.bench.modem.WaitForGeneratorDone(30000));
     ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
+    stop = true;
+    chatter.join();
     reader.join();
+    run.bench.modem.WaitForHostQuiet(150, 3000);
+    EXPECT_EQ(run.bench.modem.RecordsWithId(0x36).size(), 4u) << "the channel is closed at exit";
     ExpectCaptured(run.bench.Out(), run.bench, 4u << 20);
     // A client that keeps up gets every byte. On a loaded machine even this one may fall behind:
     // then the tool drops data for the client only, and accounts for every byte it dropped.
@@ -85,32 +105,6 @@ TEST(SocketClient, ClientLeavingOrNotReadingDisturbsNothing) {
             EXPECT_NE(err.find("Socket client missed "), std::string::npos) << err;
         }
     }
-}
-
-// The client sends a record every 100 ms from the moment it connects: the tool opens the port only
-// after the client connected, so the first ones wait for the start-of-log exchange; and they come
-// far more often than the 600 ms quiet period, yet cannot hold off the exit.
-TEST(SocketClient, ChattyClientWaitsForTheOpenAndCannotHoldOffTheExit) {
-    SocketRun run;
-    ASSERT_NO_FATAL_FAILURE(run.Start());
-    // A record the client sends down: id 0x123 to KOR 0 with the body "CLNT".
-    const Bytes record = Hex("7F 80 7F 80 00 00 00 00 04 00 23 01 43 4C 4E 54");
-    std::atomic<bool> stop{false};
-    std::thread chatter([&] {
-        while (!stop && zavra_test::WriteAll(run.client, std::string(record.begin(), record.end())))
-            usleep(100000);
-    });
-    ASSERT_TRUE(run.bench.modem.WaitForRecordId(0x123, 10000, 2)) << run.tool.Stderr();
-    // Nothing of it arrived before the start messages (closes, flushes, time, opens: 124 bytes).
-    Bytes raw = run.bench.modem.RawReceived();
-    ASSERT_GE(raw.size(), 124u + record.size());
-    EXPECT_EQ(ToHex(Bytes(raw.begin() + 124, raw.begin() + 124 + record.size())), ToHex(record));
-    run.tool.Signal(SIGTERM);
-    ExpectExit(run.tool, 15);
-    stop = true;
-    chatter.join();
-    run.bench.modem.WaitForHostQuiet(150, 3000);
-    EXPECT_EQ(run.bench.modem.RecordsWithId(0x36).size(), 4u) << "the channel is closed at exit";
 }
 
 } // namespace

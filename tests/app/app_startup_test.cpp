@@ -1,5 +1,5 @@
 // What the modem receives when the tool starts and ends: the exact start-of-log exchange and the
-// options that change it, the port check that sends nothing, and the time limit.
+// options that change it, and the port check that sends nothing.
 #include <signal.h>
 
 #include <algorithm>
@@ -95,25 +95,6 @@ TEST(StartUp, PortCheckOpensClosesAndSendsNothing) {
     }
     EXPECT_EQ(bench.modem.Counters().received, 0u);
     EXPECT_FALSE(zavra_test::FileExists(bench.Out()));
-}
-
-// An empty script sends nothing: after the open, only the closing pair on the way out.
-TEST(StartUp, TimeLimitEndsTheRunWithStatusZero) {
-    Bench bench;
-    bench.StartModem();
-    ASSERT_TRUE(zavra_test::WriteFile(bench.dir.File("empty.zos"), ""));
-    zavra_test::Process tool;
-    const auto start = std::chrono::steady_clock::now();
-    StartTool(tool, {"-d" + bench.Port(), "-t", "-m1000", "-s" + bench.dir.File("empty.zos"),
-                     bench.Out()});
-    ExpectExit(tool, 0);
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-    EXPECT_GE(took.count(), 1.0);
-    EXPECT_LT(took.count(), 6.0);
-    const std::vector<HostRecord> after = RecordsAfterOpen(bench.modem);
-    ASSERT_EQ(after.size(), 2u);
-    EXPECT_EQ(after[0].id, 0x36u);
-    EXPECT_EQ(after[1].id, 0x36u);
 }
 
 } // namespace
