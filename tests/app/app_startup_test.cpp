@@ -1,5 +1,5 @@
 // What the modem receives when the tool starts and ends: the exact start-of-log exchange and the
-// options that change it, and the port check that sends nothing.
+// options that change it, and the runs that send nothing.
 #include <signal.h>
 
 #include <algorithm>
@@ -84,14 +84,33 @@ TEST(StartUp, ModemReceivesTheExchangeInOrder) {
     }
 }
 
-TEST(StartUp, PortCheckOpensClosesAndSendsNothing) {
+// Nothing reaches the modem from a port check (-o; the second run finds the port free again),
+// nor from a run whose output file or script cannot be opened (status errno ENOENT).
+TEST(StartUp, PortCheckAndUnopenableFilesSendNothing) {
     Bench bench;
     bench.StartModem();
-    for (int run = 0; run < 2; ++run) { // the second run finds the port free again
+    const std::string script = bench.dir.File("missing.zos");
+    const struct {
+        std::vector<std::string> args;
+        int status;
+        std::string error;
+    } cases[] = {
+        {{"-o", bench.Out()}, 0, ""},
+        {{"-o", bench.Out()}, 0, ""},
+        {{"-t", bench.dir.File("missing/out.zom")}, 2, "Failed to open output ZOM.\n"},
+        {{"-t", "-s" + script, bench.Out()}, 2, "Failed to open script file '" + script + "'\n"},
+    };
+    for (const auto& c : cases) {
+        std::vector<std::string> args = {"-d" + bench.Port()};
+        args.insert(args.end(), c.args.begin(), c.args.end());
         zavra_test::Process tool;
-        StartTool(tool, {"-d" + bench.Port(), "-o", bench.Out()});
-        ExpectExit(tool, 0);
-        EXPECT_EQ(tool.Stderr(), "");
+        StartTool(tool, args);
+        ExpectExit(tool, c.status);
+        if (c.error.empty())
+            EXPECT_EQ(tool.Stderr(), "");
+        else
+            EXPECT_NE(tool.Stderr().find("Error 2(12):" + c.error), std::string::npos)
+                << tool.Stderr();
     }
     EXPECT_EQ(bench.modem.Counters().received, 0u);
     EXPECT_FALSE(zavra_test::FileExists(bench.Out()));
