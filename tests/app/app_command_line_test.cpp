@@ -79,12 +79,10 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
         {{"-d/dev/null", "-a" + logs + ",8,16"},
          "Inconsistent daemon options, file size (16MB) is greater than total size (8MB)."},
     };
-    // Every option fault gives status 0, on purpose.
     for (const auto& c : faults)
         ExpectError(c.args, 0, "Error 0(14):" + c.message, c.before);
     // Accepted command lines reach the port, which does not exist: status errno, code 19.
     const std::vector<std::string> accepted[] = {
-        {"-d/nonexistent/port", "-o"},
         {"-d/nonexistent/port", "-p0", "-o", "-r1,100,5", "-c0x40", "-v1", "-b", "-t", "a", "b"},
         {"-d", "/nonexistent/port,/dev/other", "-o"},
         {"-d/nonexistent/port", "-eDB.ZX"}, // the extension ignores case
