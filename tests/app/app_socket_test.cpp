@@ -31,10 +31,9 @@ struct SocketRun {
     }
 };
 
-// The client reads the stream and sends a record every 100 ms from the moment it connects: the
-// tool opens the port only after the client connected, so the first ones wait for the start-of-log
-// exchange; and they come far more often than the 600 ms quiet period, yet cannot hold off the
-// exit.
+// The client reads the stream and sends a record every 100 ms from the moment it connects, before
+// the port is open: they wait for the start-of-log exchange, and though they come far more often
+// than the 600 ms quiet period, they cannot hold off the exit.
 TEST(SocketClient, GetsTheWholeStreamWhileItsRecordsWaitForTheOpenAndCannotHoldOffTheExit) {
     SocketRun run;
     run.bench.options.gen.enabled = true;
