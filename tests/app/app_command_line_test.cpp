@@ -28,15 +28,15 @@ Outcome RunTool(const std::vector<std::string>& args, bool inTestbed = false) {
     return {tool.ExitCode(), tool.Stderr()};
 }
 
-// The tool's status, and its error line `line` somewhere after the text `before`.
-void ExpectError(const std::vector<std::string>& args, int status, const std::string& line,
-                 const std::string& before = "") {
+// Runs the tool: its status, and its error line `line` right after the text `before`.
+std::string ExpectError(const std::vector<std::string>& args, int status, const std::string& line,
+                        const std::string& before = "") {
     Outcome out = RunTool(args);
-    SCOPED_TRACE(testing::PrintToString(args) + "\n" + out.err);
-    EXPECT_EQ(out.status, status);
-    const size_t at = out.err.find(line + "\n");
-    EXPECT_NE(at, std::string::npos);
-    EXPECT_LE(out.err.find(before), at); // an empty text is found at 0
+    EXPECT_EQ(out.status, status) << testing::PrintToString(args);
+    EXPECT_NE(out.err.find(before + line + "\n"), std::string::npos)
+        << testing::PrintToString(args) << "\n"
+        << out.err;
+    return out.err;
 }
 
 TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
@@ -47,7 +47,7 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
     const struct {
         std::vector<std::string> args;
         std::string message;     // the whole error line, without its line feed
-        std::string before = ""; // a line printed before it
+        std::string before = ""; // the line printed before it
     } faults[] = {
         {{"-a,"}, "The -a (daemon mode) option requires an argument."},
         {{"-a" + blocked + "/sub"},
@@ -65,7 +65,7 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
         {{"-r1,101,5"},
          "Invalid buffer percentage parameter '101' to the -r (deferred logging) option."},
         // getopt's refusals always show the question mark it returned, after getopt's own line.
-        {{"-q"}, "Unknown option `-?'", "invalid option -- 'q'"},
+        {{"-q"}, "Unknown option `-?'", "invalid option -- 'q'\n"},
         {{"-d"}, "Unknown option `-?'"},
         {{"a.zom", "b.zom", "c.zom"}, "Too many arguments (rather than options) present."},
         {{"out.zom"},
@@ -73,7 +73,7 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
          "help)."},
         {{missing},
          "No port detected matching specification (from file).",
-         "Error: Failed to read from file '" + missing + "'"},
+         "Error: Failed to read from file '" + missing + "'\n"},
         {{"-d/dev/null", "-a" + logs + ",4"},
          "Invalid daemon options, the total size (4MB) is too small (minimum is 8MB)."},
         {{"-d/dev/null", "-a" + logs + ",8,16"},
@@ -119,22 +119,19 @@ TEST(CommandLine, InterfaceDefinitionFileNamesThePort) {
     const std::string file = dir.File("ports.txt");
     ASSERT_TRUE(zavra_test::WriteFile(file, "# the modem\n\nVID=1234\nVID=1234, PID=5678, XX=02\n"
                                             "vid = ffff , pid = fffe , mi = 07\n"));
-    Outcome out = RunTool({file, "out.zom"});
-    EXPECT_EQ(out.status, 0);
-    for (const std::string& line :
-         {"Error: Incorrect interface definition 'VID=1234' in file '" + file +
-              "', incorrect number of parameters.\n",
-          "Error: Incorrect interface definition 'VID=1234, PID=5678, XX=02' in file '" + file +
-              "', 'MI' parameter not found.\n",
-          std::string("Error 0(14):No port detected matching specification (from file).\n")})
-        EXPECT_NE(out.err.find(line), std::string::npos) << line << out.err;
-    EXPECT_EQ(out.err.find("the modem"), std::string::npos) << out.err;
+    const std::string err = ExpectError(
+        {file, "out.zom"}, 0, "Error 0(14):No port detected matching specification (from file).",
+        "Error: Incorrect interface definition 'VID=1234' in file '" + file +
+            "', incorrect number of parameters.\nError: Incorrect interface definition 'VID=1234, "
+            "PID=5678, XX=02' in file '" +
+            file + "', 'MI' parameter not found.\n");
+    EXPECT_EQ(err.find("the modem"), std::string::npos) << err;
 
     // In the testbed of mocked modems the second line matches the first modem's interface 00; it
     // wins over the first line, which matches nothing, and is the port the tool then opens.
     ASSERT_TRUE(
         zavra_test::WriteFile(file, "VID=ffff,PID=0001,MI=00\nVid=1e2d, pid=0061, mi=00\n"));
-    out = RunTool({file, "-o"}, true);
+    Outcome out = RunTool({file, "-o"}, true);
     const size_t at = out.err.find("Using /dev/ttyACM");
     ASSERT_NE(at, std::string::npos) << out.err;
     EXPECT_NE(out.err.find(" (Zavra ZM200 Modem).\n"), std::string::npos) << out.err;
