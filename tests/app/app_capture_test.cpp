@@ -70,28 +70,5 @@ TEST(Capture, HangUpGivesFiftyWithEveryByteOnDisk) {
     ExpectCaptured(out, bench, bench.modem.Counters().delivered);
 }
 
-TEST(Capture, MissingOutputDirectoryOrScriptIsFatalBeforeThePortIsUsed) {
-    Bench bench;
-    bench.StartModem();
-    const std::string script = bench.dir.File("missing.zos");
-    const struct {
-        std::vector<std::string> args;
-        std::string message;
-    } cases[] = {
-        {{bench.dir.File("missing/out.zom")}, "Failed to open output ZOM.\n"},
-        {{"-s" + script, bench.Out()}, "Failed to open script file '" + script + "'\n"},
-    };
-    for (const auto& c : cases) {
-        std::vector<std::string> args = {"-d" + bench.Port(), "-t"};
-        args.insert(args.end(), c.args.begin(), c.args.end());
-        zavra_test::Process tool;
-        StartTool(tool, args);
-        ExpectExit(tool, 2); // errno ENOENT
-        EXPECT_NE(tool.Stderr().find("Error 2(12):" + c.message), std::string::npos)
-            << tool.Stderr();
-    }
-    EXPECT_EQ(bench.modem.Counters().received, 0u);
-}
-
 } // namespace
 } // namespace apptest

@@ -28,9 +28,16 @@ Outcome RunTool(const std::vector<std::string>& args, bool inTestbed = false) {
     return {tool.ExitCode(), tool.Stderr()};
 }
 
-const std::string kNoPort = "No serial port has been specified or detected (-d option to specify "
-                            "a port, -h for help).";
-const std::string kNoOpen = "Failed to open the serial logging interface '/nonexistent/port'.";
+// Runs the tool: its status, and its error line `line` right after the text `before`.
+std::string ExpectError(const std::vector<std::string>& args, int status, const std::string& line,
+                        const std::string& before = "") {
+    Outcome out = RunTool(args);
+    EXPECT_EQ(out.status, status) << testing::PrintToString(args);
+    EXPECT_NE(out.err.find(before + line + "\n"), std::string::npos)
+        << testing::PrintToString(args) << "\n"
+        << out.err;
+    return out.err;
+}
 
 TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
     zavra_test::TempDir dir;
@@ -39,61 +46,50 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
     const std::string logs = dir.File("logs"), missing = dir.File("missing.txt");
     const struct {
         std::vector<std::string> args;
-        std::string message; // the whole error line, without its line feed
-        int status;
-        std::string before = ""; // a line printed before it
-    } cases[] = {
-        {{"-a,"}, "The -a (daemon mode) option requires an argument.", 0},
+        std::string message;     // the whole error line, without its line feed
+        std::string before = ""; // the line printed before it
+    } faults[] = {
+        {{"-a,"}, "The -a (daemon mode) option requires an argument."},
         {{"-a" + blocked + "/sub"},
          "The output directory '" + blocked +
-             "/sub' given in the -a (daemon mode) option could not be created.",
-         0},
-        {{"-d", " , "}, "The -d (serial port) option requires an argument.", 0},
+             "/sub' given in the -a (daemon mode) option could not be "
+             "created."},
+        {{"-d", " , "}, "The -d (serial port) option requires an argument."},
         {{"-edb.zx.txt"},
-         "The -e (embedded database) argument has an incorrect extension (must be '.zx').",
-         0},
-        {{"-p65536"}, "Illegal port argument '65536'", 0},
-        {{"-r,"}, "The -r (deferred logging) option requires an argument.", 0},
-        {{"-r0,1"},
-         "The -r (deferred logging) option requires either 1 or 3 arguments (not 2).",
-         0},
-        {{"-r1"}, "Invalid disable parameter '1' to the -r (deferred logging) option.", 0},
-        {{"-r0,50,60"}, "Invalid enable parameter '0' to the -r (deferred logging) option.", 0},
+         "The -e (embedded database) argument has an incorrect extension (must be '.zx')."},
+        {{"-p65536"}, "Illegal port argument '65536'"},
+        {{"-r,"}, "The -r (deferred logging) option requires an argument."},
+        {{"-r0,1"}, "The -r (deferred logging) option requires either 1 or 3 arguments (not 2)."},
+        {{"-r1"}, "Invalid disable parameter '1' to the -r (deferred logging) option."},
+        {{"-r0,50,60"}, "Invalid enable parameter '0' to the -r (deferred logging) option."},
         {{"-r1,101,5"},
-         "Invalid buffer percentage parameter '101' to the -r (deferred logging) option.",
-         0},
+         "Invalid buffer percentage parameter '101' to the -r (deferred logging) option."},
         // getopt's refusals always show the question mark it returned, after getopt's own line.
-        {{"-q"}, "Unknown option `-?'", 0, "invalid option -- 'q'"},
-        {{"-d"}, "Unknown option `-?'", 0},
-        {{"a.zom", "b.zom", "c.zom"}, "Too many arguments (rather than options) present.", 0},
-        {{"out.zom"}, kNoPort, 0},
+        {{"-q"}, "Unknown option `-?'", "invalid option -- 'q'\n"},
+        {{"-d"}, "Unknown option `-?'"},
+        {{"a.zom", "b.zom", "c.zom"}, "Too many arguments (rather than options) present."},
+        {{"out.zom"},
+         "No serial port has been specified or detected (-d option to specify a port, -h for "
+         "help)."},
         {{missing},
          "No port detected matching specification (from file).",
-         0,
-         "Error: Failed to read from file '" + missing + "'"},
+         "Error: Failed to read from file '" + missing + "'\n"},
         {{"-d/dev/null", "-a" + logs + ",4"},
-         "Invalid daemon options, the total size (4MB) is too small (minimum is 8MB).",
-         0},
+         "Invalid daemon options, the total size (4MB) is too small (minimum is 8MB)."},
         {{"-d/dev/null", "-a" + logs + ",8,16"},
-         "Inconsistent daemon options, file size (16MB) is greater than total size (8MB).",
-         0},
-        // Accepted command lines reach the port, which does not exist: status errno, code 19.
-        {{"-d/nonexistent/port", "-o"}, kNoOpen, 2},
-        {{"-d/nonexistent/port", "-p0", "-o", "-r1,100,5", "-c0x40", "-v1", "-b", "-t", "a", "b"},
-         kNoOpen,
-         2},
-        {{"-d", "/nonexistent/port,/dev/other", "-o"}, kNoOpen, 2},
-        {{"-d/nonexistent/port", "-eDB.ZX"}, kNoOpen, 2}, // the extension ignores case
+         "Inconsistent daemon options, file size (16MB) is greater than total size (8MB)."},
     };
-    for (const auto& c : cases) {
-        Outcome out = RunTool(c.args);
-        SCOPED_TRACE(testing::PrintToString(c.args) + "\n" + out.err);
-        EXPECT_EQ(out.status, c.status);
-        const size_t at =
-            out.err.find((c.status == 0 ? "Error 0(14):" : "Error 2(19):") + c.message + "\n");
-        EXPECT_NE(at, std::string::npos);
-        EXPECT_LE(out.err.find(c.before), at); // an empty text is found at 0
-    }
+    for (const auto& c : faults)
+        ExpectError(c.args, 0, "Error 0(14):" + c.message, c.before);
+    // Accepted command lines reach the port, which does not exist: status errno, code 19.
+    const std::vector<std::string> accepted[] = {
+        {"-d/nonexistent/port", "-p0", "-o", "-r1,100,5", "-c0x40", "-v1", "-b", "-t", "a", "b"},
+        {"-d", "/nonexistent/port,/dev/other", "-o"},
+        {"-d/nonexistent/port", "-eDB.ZX"}, // the extension ignores case
+    };
+    for (const auto& args : accepted)
+        ExpectError(args, 2,
+                    "Error 2(19):Failed to open the serial logging interface '/nonexistent/port'.");
 }
 
 TEST(CommandLine, NoArgumentsAndHelpPrintTheUsage) {
@@ -101,21 +97,19 @@ TEST(CommandLine, NoArgumentsAndHelpPrintTheUsage) {
         Outcome out = RunTool(args);
         EXPECT_EQ(out.status, 0);
         EXPECT_EQ(out.err.rfind("zavra_log_serial, Version 1.8.", 0), 0u) << out.err;
-        EXPECT_NE(out.err.find("This tool is used to receive a merged OS message stream from a "
-                               "serial port. The \nstream data can be saved to a file or sent to "
-                               "a socket (or both).\n"),
-                  std::string::npos);
-        // Every option in its order, and the defaults: base id, socket port, percentage, timeout.
+        // The blurb, every option in its order, and the defaults: base id, socket port,
+        // percentage, timeout.
         const std::string anchors =
-            "-a<|-b |-c<|(default 53)|-d<|/dev/mux.ttyACM0/qorvi|-e<|-f |-h |-m<|-o |-p[|(default "
-            "32768)|-r1,|(defaults 50 and 60)|-r0 |-s<|Send the given ZOS script.|-t |Disable the "
-            "target crash check when a part failure is detected.|-v<|-x |\".zom\" extension|";
-        size_t last = 0;
+            "This tool is used to receive a merged OS message stream from a serial port. The \n"
+            "stream data can be saved to a file or sent to a socket (or both).\n|-a<|-b |-c<|"
+            "(default 53)|-d<|/dev/mux.ttyACM0/qorvi|-e<|-f |-h |-m<|-o |-p[|(default 32768)|-r1,|"
+            "(defaults 50 and 60)|-r0 |-s<|Send the given ZOS script.|-t |Disable the target crash "
+            "check when a part failure is detected.|-v<|-x |\".zom\" extension|";
+        size_t at = 0;
         for (size_t from = 0, bar; (bar = anchors.find('|', from)) != std::string::npos;
              from = bar + 1) {
-            const size_t at = out.err.find(anchors.substr(from, bar - from), last);
-            EXPECT_NE(at, std::string::npos) << anchors.substr(from, bar - from) << " out of order";
-            last = at == std::string::npos ? last : at;
+            at = out.err.find(anchors.substr(from, bar - from), at);
+            ASSERT_NE(at, std::string::npos) << anchors.substr(from, bar - from) << " out of order";
         }
     }
 }
@@ -125,22 +119,19 @@ TEST(CommandLine, InterfaceDefinitionFileNamesThePort) {
     const std::string file = dir.File("ports.txt");
     ASSERT_TRUE(zavra_test::WriteFile(file, "# the modem\n\nVID=1234\nVID=1234, PID=5678, XX=02\n"
                                             "vid = ffff , pid = fffe , mi = 07\n"));
-    Outcome out = RunTool({file, "out.zom"});
-    EXPECT_EQ(out.status, 0);
-    for (const std::string& line :
-         {"Error: Incorrect interface definition 'VID=1234' in file '" + file +
-              "', incorrect number of parameters.\n",
-          "Error: Incorrect interface definition 'VID=1234, PID=5678, XX=02' in file '" + file +
-              "', 'MI' parameter not found.\n",
-          std::string("Error 0(14):No port detected matching specification (from file).\n")})
-        EXPECT_NE(out.err.find(line), std::string::npos) << line << out.err;
-    EXPECT_EQ(out.err.find("the modem"), std::string::npos) << out.err;
+    const std::string err = ExpectError(
+        {file, "out.zom"}, 0, "Error 0(14):No port detected matching specification (from file).",
+        "Error: Incorrect interface definition 'VID=1234' in file '" + file +
+            "', incorrect number of parameters.\nError: Incorrect interface definition 'VID=1234, "
+            "PID=5678, XX=02' in file '" +
+            file + "', 'MI' parameter not found.\n");
+    EXPECT_EQ(err.find("the modem"), std::string::npos) << err;
 
     // In the testbed of mocked modems the second line matches the first modem's interface 00; it
     // wins over the first line, which matches nothing, and is the port the tool then opens.
     ASSERT_TRUE(
         zavra_test::WriteFile(file, "VID=ffff,PID=0001,MI=00\nVid=1e2d, pid=0061, mi=00\n"));
-    out = RunTool({file, "-o"}, true);
+    Outcome out = RunTool({file, "-o"}, true);
     const size_t at = out.err.find("Using /dev/ttyACM");
     ASSERT_NE(at, std::string::npos) << out.err;
     EXPECT_NE(out.err.find(" (Zavra ZM200 Modem).\n"), std::string::npos) << out.err;

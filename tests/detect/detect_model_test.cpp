@@ -54,10 +54,9 @@ TEST_F(Model, EntryDumpPadsTagsAndShowsTheRestOfTheName) {
               "SERIAL  AT      VID: v PID: p MI: 02 AT Port /x   \n");
     EXPECT_EQ(DumpText(*info, "Other"),
               "SERIAL  AT      VID: v PID: p MI: 02 Zavra Modem  AT Port /x   \n");
-    info->type = static_cast<ZvInterfaceTypeTag>(6);
-    info->function = static_cast<ZvInterfaceFunctionTag>(7);
-    info->usbDetails = false;
-    EXPECT_EQ(DumpText(*info, ""), "UNKNOWN UNKNOWN Zavra Modem  AT Port \n");
+    // Out-of-range type and function, no USB details.
+    EXPECT_EQ(DumpText(*Add("b", 6, 7, false, "Zavra Modem  AT Port"), ""),
+              "UNKNOWN UNKNOWN Zavra Modem  AT Port \n");
 }
 
 TEST_F(Model, BaseNameIsTheTrimmedCommonPrefixOfNonEmptyNames) {

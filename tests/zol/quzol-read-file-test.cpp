@@ -43,7 +43,7 @@ struct FileRun {
     }
 };
 
-TEST(QoZolReadFile, ScriptWithGarbageAndACutRecordYieldsItsLegacyRecordsAndReportsGaps) {
+TEST(QoZolReadFile, MissingOrEmptyFileYieldsNothingAndAScriptItsRecordsAndGaps) {
     // Legacy records with garbage before, between and after them, and one per-KOR record that a
     // script reader (legacy sync only) must treat as garbage.
     std::mt19937 rng(2024);
@@ -58,11 +58,16 @@ TEST(QoZolReadFile, ScriptWithGarbageAndACutRecordYieldsItsLegacyRecordsAndRepor
     AppendGarbage(bytes, 7, c, rng);
     Append(bytes, c);
     const Bytes cut = Encode({1, 0, 0, 2, 0, RandomBody(40, rng)});
-    AppendGarbage(bytes, 5, cut, rng); // skipped, no whole record follows
-    bytes.insert(bytes.end(), cut.begin(),
-                 cut.begin() + 30); // ends the file, neither read nor skipped
+    AppendGarbage(bytes, 5, cut, rng);                        // skipped, no whole record follows
+    bytes.insert(bytes.end(), cut.begin(), cut.begin() + 30); // neither read nor skipped
 
     FileRun run;
+    // A missing file, then an empty one, give nothing.
+    EXPECT_FALSE(run.reader.OpenRead(run.dir.File("missing.zos").c_str()));
+    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
+    EXPECT_FALSE(run.reader.Rewind());
+    ASSERT_TRUE(run.reader.OpenRead(run.Write("empty.zos", {}).c_str()));
+    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
     ASSERT_TRUE(run.reader.OpenRead(run.Write("script.zos", bytes).c_str()));
     Gaps gaps;
     EXPECT_EQ(run.ReadAll(&gaps), (std::vector<Bytes>{a, b, c}));
@@ -75,15 +80,6 @@ TEST(QoZolReadFile, ScriptWithGarbageAndACutRecordYieldsItsLegacyRecordsAndRepor
     // Sent again on the next target initialisation: the same records from the start.
     ASSERT_TRUE(run.reader.Rewind());
     EXPECT_EQ(run.ReadAll(), (std::vector<Bytes>{a, b, c}));
-}
-
-TEST(QoZolReadFile, MissingFileEmptyFileAndNoRecordFailCleanly) {
-    FileRun run;
-    EXPECT_FALSE(run.reader.OpenRead(run.dir.File("missing.zos").c_str()));
-    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
-    EXPECT_FALSE(run.reader.Rewind());
-    ASSERT_TRUE(run.reader.OpenRead(run.Write("empty.zos", {}).c_str()));
-    EXPECT_FALSE(run.reader.ReadRecord(run.record.get()));
 }
 
 TEST(QoZolResyncReport, TextRecordCarriesTheGapOnceWithTemplateFields) {
@@ -139,22 +135,15 @@ TEST(QoZolInfo, SummarisesLayoutsKorsIdsTimesAndGaps) {
 
     QoZolInfoResult info;
     ASSERT_TRUE(QoZolInfo::GetInfo(path.c_str(), info));
-    EXPECT_EQ(info.records, 4u);
-    EXPECT_EQ(info.recordBytes, 16u + 24 + 12 + 12);
-    EXPECT_EQ(info.skippedBytes, 11u);
-    EXPECT_EQ(info.trailingBytes, 9u);
-    EXPECT_EQ(std::vector<unsigned long long>(info.recordsPerLayout, info.recordsPerLayout + 4),
-              (std::vector<unsigned long long>{0, 2, 1, 1}));
-    EXPECT_EQ(std::vector<unsigned long long>(info.recordsPerKor, info.recordsPerKor + 4),
-              (std::vector<unsigned long long>{1, 2, 1, 0}));
+    using Counts = std::vector<unsigned long long>;
+    // Records, their bytes, skipped and trailing bytes; first, least and greatest time.
+    EXPECT_EQ((Counts{info.records, info.recordBytes, info.skippedBytes, info.trailingBytes,
+                      info.firstTime, info.minTime, info.maxTime}),
+              (Counts{4, 16 + 24 + 12 + 12, 11, 9, 100, 0x10, 0x0100000005ull}));
+    EXPECT_EQ(Counts(info.recordsPerLayout, info.recordsPerLayout + 4), (Counts{0, 2, 1, 1}));
+    EXPECT_EQ(Counts(info.recordsPerKor, info.recordsPerKor + 4), (Counts{1, 2, 1, 0}));
     EXPECT_EQ((info.recordsPerId.at({1, 0x35})), 2u);
-    EXPECT_EQ(info.firstTime, 100u);
-    EXPECT_EQ(info.minTime, 0x10u);
-    EXPECT_EQ(info.maxTime, 0x0100000005ull);
-    ASSERT_EQ(info.gaps.size(), 1u);
-    EXPECT_EQ(info.gaps[0].offset, 40u);
-    EXPECT_EQ(info.gaps[0].skipped, 11u);
-
+    EXPECT_EQ(info.gaps.size(), 1u); // at 40, of 11 bytes, as the summary says:
     ZvAString text;
     QoZolInfo::Format(path.c_str(), info, text);
     EXPECT_NE(text.find("lost step after offset 0x00000028, skipped 11 bytes"), std::string::npos);
