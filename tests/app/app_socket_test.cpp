@@ -1,6 +1,7 @@
 // The TCP client of -p: it gets the stream, its bytes reach the modem only after the start-of-log
 // exchange, and whatever it does (leave, stop reading) the file stays complete and the tool runs.
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -49,6 +50,20 @@ TEST(SocketClient, GetsTheWholeStreamWhileItsRecordsWaitForTheOpenAndCannotHoldO
     // The client reads until the tool hangs up on it at exit.
     std::string got;
     std::thread reader([&] { got = zavra_test::ReadExactly(run.client, 8u << 20, 60000); });
+    // A failed assertion below returns early: wake and join both threads, so it reports cleanly.
+    struct Joiner {
+        std::atomic<bool>& stop;
+        int client;
+        std::thread *a, *b;
+        ~Joiner() {
+            stop = true;
+            if (a->joinable() || b->joinable())
+                shutdown(client, SHUT_RDWR);
+            for (std::thread* t : {a, b})
+                if (t->joinable())
+                    t->join();
+        }
+    } joiner{stop, run.client, &chatter, &reader};
     ASSERT_TRUE(run.bench.modem.WaitForRecordId(0x123, 10000, 2)) << run.tool.Stderr();
     // Nothing of it arrived before the start messages (closes, flushes, time, opens: 124 bytes).
     Bytes raw = run.bench.modem.RawReceived();
