@@ -14,6 +14,7 @@
 // All public operations are thread-safe. One worker thread per modem serves the port.
 #pragma once
 
+#include "zsim-crash.h"
 #include "zsim-pty-port.h"
 #include "zsim-wire.h"
 
@@ -105,6 +106,7 @@ struct ModemOptions {
     GeneratorOptions gen;
     DbOptions db;
     FailureOptions fail;
+    CrashOptions crash;
 };
 
 struct ModemCounters {
@@ -160,6 +162,20 @@ public:
     void SetGeneratorEnabled(bool enabled);
     void SetRate(uint64_t bytesPerSecond);
     void SetDbFault(DbFault fault);
+    // Crashes now (see zsim-crash.h); needs crash.atPort. Returns at once.
+    void Crash();
+    void SetCrashFault(CrashFault fault);
+    std::string AtPortPath() const; // the AT port's stable link path
+    int AtSocketPort() const;       // the loopback TCP AT port, 0 when there is none
+    // Every AT command received (serial and TCP), in order, each with its terminating "\r".
+    std::vector<std::string> AtCommands() const;
+    bool WaitForAtCommand(const std::string& command, unsigned timeoutMs) const;
+    bool WaitForCrashed(unsigned timeoutMs) const; // the crash has happened
+    // What the modem serves for the current options: the external RAM image (exactly
+    // coreDumpSize bytes), the crash information text and the crash log, byte for byte.
+    Bytes CoreDumpImage() const;
+    Bytes CrashInfoText() const;
+    Bytes CrashLogText() const;
     // Makes everything written so far visible in the tee, rx and transcript files.
     void FlushFiles();
 
