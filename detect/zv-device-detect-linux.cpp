@@ -46,6 +46,13 @@ bool ZvUdev::Load() {
 
 bool ZvUdev::Load(const char* const* names, unsigned count) {
     Unload();
+#ifdef ZV_NO_DYNAMIC_LOADING
+    // A fully static executable has no dynamic loader to bring libudev in: detection then finds
+    // nothing and says so, and the port is named with -d.
+    (void)names;
+    (void)count;
+    return false;
+#else
     for (unsigned i = 0; i < count && m_handle == nullptr; ++i)
         m_handle = dlopen(names[i], RTLD_NOW | RTLD_LOCAL);
     if (m_handle == nullptr)
@@ -58,6 +65,7 @@ bool ZvUdev::Load(const char* const* names, unsigned count) {
     }
     m_loaded = true;
     return true;
+#endif
 }
 
 bool ZvUdev::ResolveEntryPoints() {
