@@ -213,7 +213,9 @@ bool AtServer::Listen(std::string* error) {
         return false;
     }
     listenFd_ = fd;
-    socketPort_ = ntohs(address.sin_port);
+    if (socketPort_ == 0) {
+        socketPort_ = ntohs(address.sin_port); // set once, before the worker starts
+    }
     return true;
 }
 
