@@ -87,8 +87,8 @@ void AtServer::Stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopRequested_ = true;
+        Wake();
     }
-    Wake();
     worker_.join();
     std::lock_guard<std::mutex> lock(mutex_);
     ClosePorts();
@@ -97,6 +97,7 @@ void AtServer::Stop() {
     wakeFd_ = -1;
 }
 
+// Called with the lock held, so that the descriptor cannot be closed meanwhile.
 void AtServer::Wake() const {
     uint64_t one = 1;
     if (wakeFd_ >= 0 && write(wakeFd_, &one, sizeof one) < 0) {
@@ -110,9 +111,9 @@ void AtServer::GoAway() {
         mode_ = Mode::Away;
         returnPending_ = false;
         ClosePorts();
+        Wake();
     }
     changed_.notify_all();
-    Wake();
 }
 
 void AtServer::ReturnInLoader(unsigned ms) {
@@ -120,8 +121,8 @@ void AtServer::ReturnInLoader(unsigned ms) {
         std::lock_guard<std::mutex> lock(mutex_);
         returnPending_ = true;
         returnAt_ = Clock::now() + std::chrono::milliseconds(ms);
+        Wake();
     }
-    Wake();
 }
 
 void AtServer::SetFault(CrashFault fault) {
