@@ -60,6 +60,13 @@ int Zlbs::Run(int argc, char** argv) {
 void Zlbs::OpenScript() {
     scriptSync.Add(kScriptSyncWord, 0xFFFFFFFFu);
     scriptReader.SetSyncCheck(&scriptSync);
+    // A directory opens and then reads nothing, and a FIFO or device could block or never end:
+    // only a regular file is a script.
+    const int type = ZvFileUtil::GetFileType(args.scriptFile.c_str());
+    if (type == ZvFileUtil::FileTypeDirectory || type == ZvFileUtil::FileTypeOther) {
+        errno = type == ZvFileUtil::FileTypeDirectory ? EISDIR : EINVAL;
+        error(ZLBS_ERROR_FILE, errno, "Failed to open script file '%s'", args.scriptFile.c_str());
+    }
     if (!scriptReader.OpenRead(args.scriptFile.c_str()))
         error(ZLBS_ERROR_FILE, errno, "Failed to open script file '%s'", args.scriptFile.c_str());
     scriptRecord = QoZolRecordTag::Create(kScriptRecordSize, kScriptSyncWord);

@@ -11,6 +11,18 @@
 
 namespace {
 
+// A faulty line is echoed in its message only up to this many bytes, then "...": a file that is
+// not a definition file at all may hold one huge line.
+const size_t kEchoMax = 80;
+
+ZvAString Echo(const ZvAString& line) {
+    if (line.size() <= kEchoMax)
+        return line;
+    ZvAString cut = line.substr(0, kEchoMax);
+    cut += "...";
+    return cut;
+}
+
 // Prints which port was chosen, with the interface's friendly name when it is a known serial port.
 void ReportPort(const ZvDeviceDetect& detect, const ZvAString& port) {
     const ZvInterfaceInfo* serial = detect.Interfaces().FindSerialPortName(port.c_str());
@@ -30,7 +42,7 @@ bool ParseDefinition(const ZvAString& line, const ZvAString& path, ZvAString& vi
     if (items.Count() != 3) {
         ZvLog::Error("Incorrect interface definition '%s' in file '%s', incorrect number of "
                      "parameters.",
-                     line.c_str(), path.c_str());
+                     Echo(line).c_str(), path.c_str());
         return false;
     }
     bool haveVid = false, havePid = false, haveMi = false;
@@ -40,6 +52,10 @@ bool ParseDefinition(const ZvAString& line, const ZvAString& path, ZvAString& vi
             continue;
         name.Trim();
         value.Trim();
+        // An empty value is no value: it would match a port without USB identity (a built-in
+        // UART), whose empty VID, PID and MI compare equal to it.
+        if (value.empty())
+            continue;
         if (strcasecmp(name.c_str(), "VID") == 0)
             vid = value, haveVid = true;
         else if (strcasecmp(name.c_str(), "PID") == 0)
@@ -50,7 +66,7 @@ bool ParseDefinition(const ZvAString& line, const ZvAString& path, ZvAString& vi
     const char* missing = !haveVid ? "VID" : !havePid ? "PID" : !haveMi ? "MI" : nullptr;
     if (missing != nullptr) {
         ZvLog::Error("Incorrect interface definition '%s' in file '%s', '%s' parameter not found.",
-                     line.c_str(), path.c_str(), missing);
+                     Echo(line).c_str(), path.c_str(), missing);
         return false;
     }
     return true;

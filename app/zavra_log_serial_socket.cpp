@@ -18,7 +18,8 @@ bool ZlsSocketStream::OpenSocket(int server, int port, ZlsSocketInputCallback ca
     m_open = true;
     m_callback = callback;
     m_startCreated = m_start.Create(0);
-    if (!m_thread.Create(&ZlsSocketStream::InputSocketStreamThreadFunc, this)) {
+    if (!m_upQueue.Start(m_socket) ||
+        !m_thread.Create(&ZlsSocketStream::InputSocketStreamThreadFunc, this)) {
         m_errorText.Printf("Failed to start thread to read from the down stream socket %d.", port);
         Close();
         return false;
@@ -34,6 +35,8 @@ void ZlsSocketStream::Release() {
 void ZlsSocketStream::Close() {
     if (!m_open.exchange(false))
         return;
+    // The writer uses the socket until it has stopped.
+    m_upQueue.Stop(kCloseFlushMs);
     if (m_startCreated) {
         // A reader still waiting for the start is let go; it then finds the socket closed.
         m_start.Post();
@@ -47,28 +50,23 @@ void ZlsSocketStream::Close() {
 }
 
 void ZlsSocketStream::WriteUp(const unsigned char* data, unsigned length) {
-    if (!m_socket.IsOpen() || length == 0)
-        return;
-    int sent = m_socket.WriteNonBlocking(data, length);
-    if (sent == static_cast<int>(length)) {
-        if (m_dropping && noisiness > 4)
+    switch (m_upQueue.Push(data, length)) {
+    case ZvSendQueue::kDropStarted:
+        if (noisiness > 4)
+            ZvLog::Status("Socket client is not keeping up, dropping data for the client (its "
+                          "queue of %zu bytes is full).",
+                          m_upQueue.Limit());
+        break;
+    case ZvSendQueue::kResumed:
+        if (noisiness > 4)
             ZvLog::Status("Socket client is taking data again (%llu bytes in %llu chunks dropped "
                           "so far).",
-                          static_cast<unsigned long long>(m_droppedBytes),
-                          static_cast<unsigned long long>(m_droppedChunks));
-        m_dropping = false;
-        return;
+                          static_cast<unsigned long long>(m_upQueue.DroppedBytes()),
+                          static_cast<unsigned long long>(m_upQueue.DroppedChunks()));
+        break;
+    default:
+        break;
     }
-    if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
-        return; // the client has gone; its reader closes the socket
-    const unsigned dropped = length - static_cast<unsigned>(sent < 0 ? 0 : sent);
-    ++m_droppedChunks;
-    m_droppedBytes += dropped;
-    if (!m_dropping && noisiness > 4)
-        ZvLog::Status("Socket client is not keeping up, dropping data for the client (%u of %u "
-                      "bytes of this chunk).",
-                      dropped, length);
-    m_dropping = true;
 }
 
 void ZlsSocketStream::InputSocketStreamThreadFunc(ZvThread*, void* self) {
@@ -83,6 +81,8 @@ void ZlsSocketStream::ReadLoop() {
         if (got <= 0) {
             if (noisiness > 4)
                 ZvLog::Status("Socket read failed, exiting read thread (%d, %d).", got, errno);
+            // The writer first: it must not send on a descriptor that is closed and reused.
+            m_upQueue.Stop();
             m_socket.Close();
             return;
         }

@@ -1,13 +1,14 @@
 // ZlsSocketStream: the one TCP client of the tool outside daemon mode. The merged stream goes up
-// to it (written by the normal receiver, never blocking the port reader); what the client sends
-// comes down to the target through the input callback, released only once the target has been
-// initialised.
+// to it through a bounded queue and its writer thread (the port reader never waits for the
+// client); what the client sends comes down to the target through the input callback, released
+// only once the target has been initialised.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 
 #include "zv-sema.h"
+#include "zv-send-queue.h"
 #include "zv-socket.h"
 #include "zv-string-ascii.h"
 #include "zv-thread.h"
@@ -20,26 +21,36 @@ public:
     static const int kSendBufferSize = 262144;
     static const unsigned kReadSize = 1024;
 
-    ZlsSocketStream() = default;
     ~ZlsSocketStream() { Close(); }
     ZlsSocketStream(const ZlsSocketStream&) = delete;
     ZlsSocketStream& operator=(const ZlsSocketStream&) = delete;
 
-    // Waits for one client on the listening socket `server` and starts the reader, which holds
-    // the client's data until Release(). False with ErrorText() on failure.
+    // How long Close lets the client take what is still queued for it.
+    static const unsigned kCloseFlushMs = 2000;
+
+    // `queueLimit`: the most bytes held for a client that has fallen behind.
+    explicit ZlsSocketStream(size_t queueLimit = ZvSendQueue::kDefaultLimit)
+        : m_upQueue(queueLimit) {}
+
+    // Waits for one client on the listening socket `server`, starts the writer of its queue and
+    // the reader, which holds the client's data until Release(). False with ErrorText() on
+    // failure.
     bool OpenSocket(int server, int port, ZlsSocketInputCallback callback);
     // Lets the reader pass the client's data down (after the start messages).
     void Release();
+    // Lets the client take what is queued (up to kCloseFlushMs), then hangs up.
     void Close();
 
-    // One non-blocking send of a chunk going up to the client; what the client cannot take now
-    // is dropped for the client only and counted. Safe against a concurrent Close.
+    // Queues a chunk going up to the client; when the queue is full the chunk is dropped whole
+    // for the client only, counted, and the episode reported once (verbosity above 4). Never
+    // waits for the client. Safe against a concurrent Close.
     void WriteUp(const unsigned char* data, unsigned length);
 
     bool IsOpen() const { return m_open; }
     const ZvAString& ErrorText() const { return m_errorText; }
-    uint64_t DroppedChunks() const { return m_droppedChunks; }
-    uint64_t DroppedBytes() const { return m_droppedBytes; }
+    // Every byte of the stream either reached the client's socket or is counted here.
+    uint64_t DroppedChunks() const { return m_upQueue.DroppedChunks(); }
+    uint64_t DroppedBytes() const { return m_upQueue.DroppedBytes(); }
 
 private:
     static void InputSocketStreamThreadFunc(ZvThread* thread, void* self);
@@ -52,9 +63,5 @@ private:
     ZlsSocketInputCallback m_callback = nullptr;
     ZvSema m_start;
     bool m_startCreated = false;
-
-    // Written only by the port reader thread.
-    uint64_t m_droppedChunks = 0;
-    uint64_t m_droppedBytes = 0;
-    bool m_dropping = false;
+    ZvSendQueue m_upQueue;
 };

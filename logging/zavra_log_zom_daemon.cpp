@@ -37,9 +37,7 @@ ZlZomDaemon::ZlZomDaemon()
       m_segmentNumber(0), m_segmentsInLog(0), m_fileFd(-1), m_writeFailing(false),
       m_bytesNotWritten(0), m_openFailing(false), m_openFailures(0), m_deleteFailing(false),
       m_journalFd(-1), m_portOpen(false), m_connectThreadEnd(false), m_socketPort(-1),
-      m_serverSocket(-1), m_socketThreadEnd(false), m_shutDown(false), m_storeClosed(false),
-      m_clientDropping(false), m_droppedChunks(0), m_droppedBytes(0), m_runDroppedChunks(0),
-      m_runDroppedBytes(0), m_lastDropTick(0) {
+      m_serverSocket(-1), m_socketThreadEnd(false), m_shutDown(false), m_storeClosed(false) {
     m_connectSema.Create(0);
     m_socketSema.Create(0);
 }

@@ -13,8 +13,9 @@
 // - PortFailureDetected, GetCrashFileName and Shutdown come from the tool's main thread.
 // The file state is guarded by one lock, the client socket by another, the journal by a third:
 // the connect thread closes the current file while the reader may be writing to it, and an
-// unguarded descriptor could be closed, reused by the re-opened port and written to. A client
-// send never blocks, so a slow client never holds up the store.
+// unguarded descriptor could be closed, reused by the re-opened port and written to. The stream
+// reaches the client through a bounded queue with its own writer thread (ZvSendQueue): queueing
+// never waits, so a slow client never holds up the store.
 #pragma once
 
 #include <atomic>
@@ -24,6 +25,7 @@
 
 #include "zv-log.h"
 #include "zv-sema.h"
+#include "zv-send-queue.h"
 #include "zv-socket.h"
 #include "zv-string-ascii.h"
 #include "zv-string-list-ascii.h"
@@ -48,6 +50,8 @@ public:
     static const int kSocketSndBuf = 0x40000;
     // The most a client sends to the target in one piece.
     static const unsigned kClientReadSize = 1024;
+    // How long an orderly close lets the client take what is still queued for it.
+    static const unsigned kClientFlushMs = 1000;
 
     ZlZomDaemon();
     // Runs Shutdown; a subclass must call Shutdown in its own destructor, because the threads
@@ -93,7 +97,7 @@ public:
     unsigned long long GetCurrentLogsSize();
     // The managed files in deletion order (oldest first).
     void GetFileList(ZvAStringList& paths);
-    // Chunks and bytes that the client could not take since Initialise.
+    // Chunks and bytes that the clients could not take since the store was made.
     unsigned long long GetClientDroppedChunks();
     unsigned long long GetClientDroppedBytes();
 
@@ -125,6 +129,7 @@ private:
 
     // Socket side.
     void SendToClient(const unsigned char* data, unsigned size);
+    // Stops the client's writer (letting it send what is queued unless abortive), then closes.
     void CloseClient(bool abortive);
     // Ends a dropping episode with its summary line.
     void NoteDroppingEnded(const char* how);
@@ -180,12 +185,8 @@ private:
     // Set under m_storeLock once the last file is closed: later data has nowhere to go.
     bool m_storeClosed;
 
-    // Client flow: chunks the client could not take.
+    // Client flow: the queue to the client, started for each client the socket thread accepts.
+    // The lock orders queueing, starting and stopping against closing the client socket.
     std::mutex m_clientLock;
-    bool m_clientDropping;
-    unsigned long long m_droppedChunks;
-    unsigned long long m_droppedBytes;
-    unsigned long long m_runDroppedChunks;
-    unsigned long long m_runDroppedBytes;
-    unsigned m_lastDropTick;
+    ZvSendQueue m_clientQueue;
 };

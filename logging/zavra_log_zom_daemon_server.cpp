@@ -16,7 +16,6 @@ const unsigned kEndWaitMs = 200;
 const unsigned kOpenRetryMs = 1000;
 const unsigned kAcceptRetryMs = 200;
 const unsigned kAcceptRetryStepMs = 20;
-const unsigned kCaughtUpMs = 1000;
 } // namespace
 
 void ZlZomDaemon::ConnectThreadFunc(ZvThread*, void* daemon) {
@@ -118,6 +117,12 @@ void ZlZomDaemon::SocketThread() {
 void ZlZomDaemon::ServeOneClient() {
     const ZvAString peer = m_client.GetPeerAddress();
     LogText("SocketThread: Connected to %s.", peer.c_str());
+    {
+        std::lock_guard<std::mutex> lock(m_clientLock);
+        if (!m_clientQueue.Start(m_client))
+            LogText("SocketThread: No writer thread for %s, the stream cannot reach it.",
+                    peer.c_str());
+    }
     unsigned char buffer[kClientReadSize];
     int got;
     int error;
@@ -140,45 +145,31 @@ void ZlZomDaemon::ServeOneClient() {
 }
 
 void ZlZomDaemon::SendToClient(const unsigned char* data, unsigned size) {
-    std::lock_guard<std::mutex> lock(m_clientLock);
-    if (!m_client.IsOpen() || size == 0)
-        return;
-    // Exactly one send that never blocks: a client that stops reading costs the store nothing;
-    // what it cannot take now is lost for the client only.
-    const int sent = m_client.WriteNonBlocking(data, size);
-    if (sent == static_cast<int>(size)) {
-        // A slow client takes a chunk now and then; the episode ends only once it has kept up
-        // for a while, so the journal gets one pair of lines per episode.
-        if (m_clientDropping &&
-            ZvTime::DiffMsTime(m_lastDropTick, ZvTime::GetMsTickTime()) >= kCaughtUpMs)
-            NoteDroppingEnded("Client reading again");
-        return;
-    }
-    if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK)
-        return; // the client has gone; the socket thread sees it on its next read
-    const unsigned dropped = size - static_cast<unsigned>(sent < 0 ? 0 : sent);
-    ++m_droppedChunks;
-    m_droppedBytes += dropped;
-    ++m_runDroppedChunks;
-    m_runDroppedBytes += dropped;
-    m_lastDropTick = ZvTime::GetMsTickTime();
-    if (!m_clientDropping) {
-        m_clientDropping = true;
+    // No client lock here: closing a client may wait for its queue to drain, and the port reader
+    // must not wait for that. The queue orders its own pushes against its stop.
+    switch (m_clientQueue.Push(data, size)) {
+    case ZvSendQueue::kDropStarted:
         LogText("NewLogData. Client not reading, dropping data for the client.");
+        break;
+    case ZvSendQueue::kResumed:
+        NoteDroppingEnded("Client reading again");
+        break;
+    default:
+        break;
     }
 }
 
 void ZlZomDaemon::NoteDroppingEnded(const char* how) {
     LogText("NewLogData. %s, %llu chunks (%llu bytes) were dropped for it.", how,
-            m_runDroppedChunks, m_runDroppedBytes);
-    m_clientDropping = false;
-    m_runDroppedChunks = 0;
-    m_runDroppedBytes = 0;
+            static_cast<unsigned long long>(m_clientQueue.EpisodeChunks()),
+            static_cast<unsigned long long>(m_clientQueue.EpisodeBytes()));
 }
 
 void ZlZomDaemon::CloseClient(bool abortive) {
     std::lock_guard<std::mutex> lock(m_clientLock);
-    if (m_clientDropping)
+    // The writer stops first: it must not send on a descriptor that is closed and then reused.
+    // An orderly close lets the client take what is queued; an abortive one resets it anyway.
+    if (m_clientQueue.Stop(abortive ? 0 : kClientFlushMs))
         NoteDroppingEnded("Client left");
     const int fd = m_client.GetHandle();
     if (!abortive || fd < 0) {
@@ -197,13 +188,11 @@ void ZlZomDaemon::CloseClient(bool abortive) {
 }
 
 unsigned long long ZlZomDaemon::GetClientDroppedChunks() {
-    std::lock_guard<std::mutex> lock(m_clientLock);
-    return m_droppedChunks;
+    return m_clientQueue.DroppedChunks();
 }
 
 unsigned long long ZlZomDaemon::GetClientDroppedBytes() {
-    std::lock_guard<std::mutex> lock(m_clientLock);
-    return m_droppedBytes;
+    return m_clientQueue.DroppedBytes();
 }
 
 bool ZlZomDaemon::EndConnectThread() {

@@ -4,10 +4,15 @@
 // pty slave in raw mode, stdout to a file) or zavra_log_serial (-d on the slave) copy it to a file,
 // alternately, several rounds. For each reader: wall time until the file holds every byte,
 // throughput, CPU seconds and peak RSS of the reader process (wait4), and a byte-for-byte compare
-// of the file with the stream. Then the latency of a byte from the pty to the tool's TCP client.
+// of the file with the stream. The tool runs twice per round: alone, and serving a TCP client that
+// connects and never reads (whose queue fills and then drops), to show that a stuck client costs
+// the capture nothing. Then the latency of a byte from the pty to the tool's TCP client, and a
+// client behind a link that stalls 500 ms every 2 s while the pty carries 2 MB/s, whose copy of
+// the stream must be byte-exact.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <pty.h>
 #include <signal.h>
 #include <spawn.h>
@@ -49,6 +54,24 @@ struct Pattern {
             for (size_t k = 0; k < 8 && i + k < size; ++k)
                 out[i + k] = static_cast<unsigned char>(v >> (8 * k));
         }
+    }
+};
+
+// The same pattern checked byte by byte against reads of any size.
+struct PatternCheck {
+    Pattern pattern;
+    std::vector<unsigned char> block = std::vector<unsigned char>(kBlock);
+    size_t at = kBlock;
+    bool Matches(const unsigned char* data, size_t size) {
+        bool same = true;
+        for (size_t i = 0; i < size; ++i) {
+            if (at == kBlock) {
+                pattern.Fill(block.data(), kBlock);
+                at = 0;
+            }
+            same = same && block[at++] == data[i];
+        }
+        return same;
     }
 };
 
@@ -162,7 +185,11 @@ void DrainMaster(int master, std::atomic<bool>& stop, std::atomic<uint64_t>& see
     }
 }
 
-RunResult RunOne(bool tool, uint64_t total, const std::string& dir, int round) {
+int FreePort();
+int ConnectLoopback(int port);
+
+// `idleClient`: the tool serves a TCP client that never reads.
+RunResult RunOne(bool tool, bool idleClient, uint64_t total, const std::string& dir, int round) {
     RunResult result;
     result.bytes = total;
     int master = -1, slave = -1;
@@ -171,17 +198,25 @@ RunResult RunOne(bool tool, uint64_t total, const std::string& dir, int round) {
         perror("openpty");
         exit(1);
     }
-    std::string out = dir + "/" + (tool ? "tool" : "cat") + std::to_string(round) + ".bin";
+    std::string out = dir + "/" + (tool ? "tool" : "cat") + std::to_string(round) +
+                      (idleClient ? "c" : "") + ".bin";
     unlink(out.c_str());
 
     std::atomic<bool> stopDrain{false};
     std::atomic<uint64_t> upBytes{0};
     pid_t pid;
+    int port = -1, client = -1;
     if (tool) {
         // The tool opens the slave itself; it must be the only opener.
         close(slave);
         slave = -1;
-        pid = Spawn({ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1", out}, -1, -1);
+        std::vector<std::string> args = {ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1"};
+        if (idleClient) {
+            port = FreePort();
+            args.push_back("-p" + std::to_string(port));
+        }
+        args.push_back(out);
+        pid = Spawn(args, -1, -1);
     } else {
         int fd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         pid = Spawn({"cat"}, slave, fd);
@@ -191,6 +226,8 @@ RunResult RunOne(bool tool, uint64_t total, const std::string& dir, int round) {
         fprintf(stderr, "cannot start the reader\n");
         exit(1);
     }
+    if (idleClient)
+        client = ConnectLoopback(port); // the tool waits for it before it opens the port
     std::thread drain(DrainMaster, master, std::ref(stopDrain), std::ref(upBytes));
     if (tool) {
         // Start the flood once the tool has opened the channel (its 124 start-up bytes).
@@ -234,6 +271,8 @@ RunResult RunOne(bool tool, uint64_t total, const std::string& dir, int round) {
     drain.join();
     if (slave >= 0)
         close(slave);
+    if (client >= 0)
+        close(client);
     close(master);
     result.cpu = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                  static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
@@ -254,6 +293,22 @@ int FreePort() {
     return ntohs(a.sin_port);
 }
 
+// A blocking connection to the tool's port, retried until it listens; -1 after 5 s.
+int ConnectLoopback(int port) {
+    for (int i = 0; i < 500; ++i) {
+        int fd = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in a{};
+        a.sin_family = AF_INET;
+        a.sin_port = htons(static_cast<uint16_t>(port));
+        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0)
+            return fd;
+        close(fd);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return -1;
+}
+
 // Latency from a write on the pty to the bytes reaching the tool's TCP client: `samples` markers
 // of 64 bytes, each carrying its send time, written 2 ms apart.
 void MeasureLatency(const std::string& dir, int samples) {
@@ -266,20 +321,7 @@ void MeasureLatency(const std::string& dir, int samples) {
     pid_t pid = Spawn(
         {ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1", "-p" + std::to_string(port), out},
         -1, -1);
-    int client = -1;
-    for (int i = 0; i < 500 && client < 0; ++i) {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(port));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
-            client = fd;
-        } else {
-            close(fd);
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-    }
+    int client = ConnectLoopback(port);
     std::atomic<bool> stopDrain{false};
     std::atomic<uint64_t> upBytes{0};
     std::thread drain(DrainMaster, master, std::ref(stopDrain), std::ref(upBytes));
@@ -335,6 +377,81 @@ void MeasureLatency(const std::string& dir, int samples) {
            latencies.back());
 }
 
+// A client whose link stalls 500 ms every 2 s while the pty carries 2 MB/s for `seconds`: the
+// tool must hold each stall's backlog and hand the client the whole stream, byte for byte.
+bool MeasurePausedClient(const std::string& dir, int seconds) {
+    int master = -1, slave = -1;
+    std::string slaveName;
+    OpenRawPty(master, slave, slaveName);
+    close(slave);
+    const int port = FreePort();
+    const std::string out = dir + "/paused.bin";
+    pid_t pid = Spawn(
+        {ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1", "-p" + std::to_string(port), out},
+        -1, -1);
+    int client = ConnectLoopback(port);
+    int small = 65536; // a modest window, so that each stall reaches back to the tool
+    setsockopt(client, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    std::atomic<bool> stopDrain{false};
+    std::atomic<uint64_t> upBytes{0};
+    std::thread drain(DrainMaster, master, std::ref(stopDrain), std::ref(upBytes));
+    while (upBytes < 124)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+
+    const uint64_t rate = 2000000, total = rate * static_cast<uint64_t>(seconds);
+    std::atomic<uint64_t> received{0};
+    std::atomic<bool> same{true};
+    int pauses = 0;
+    std::thread reader([&] {
+        PatternCheck want;
+        unsigned char buffer[kBlock];
+        auto nextPause = Clock::now() + std::chrono::seconds(2);
+        while (received < total) {
+            if (Clock::now() >= nextPause) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(500));
+                ++pauses;
+                nextPause = Clock::now() + std::chrono::seconds(2);
+            }
+            pollfd p{client, POLLIN, 0};
+            if (poll(&p, 1, 50) <= 0)
+                continue;
+            ssize_t n = read(client, buffer, sizeof buffer);
+            if (n <= 0)
+                break;
+            same = want.Matches(buffer, static_cast<size_t>(n)) && same;
+            received += static_cast<uint64_t>(n);
+        }
+    });
+    // The pattern is consumed 8 bytes at a time: keep every write a multiple of 8.
+    Pattern pattern;
+    std::vector<unsigned char> block(kBlock);
+    const size_t step = 20000; // 10 ms of stream
+    const auto start = Clock::now();
+    for (uint64_t done = 0; done < total; done += step) {
+        std::this_thread::sleep_until(start + std::chrono::microseconds(done * 1000000 / rate));
+        pattern.Fill(block.data(), step);
+        WriteAll(master, block.data(), step);
+    }
+    const auto deadline = Clock::now() + std::chrono::seconds(30);
+    while (received < total && Clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    kill(pid, SIGINT);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    shutdown(client, SHUT_RDWR);
+    reader.join();
+    stopDrain = true;
+    drain.join();
+    close(client);
+    close(master);
+    unlink(out.c_str());
+    const bool exact = same && received == total;
+    printf("paused client (500 ms every 2 s, 2 MB/s, %d stalls): %llu of %llu bytes, %s\n", pauses,
+           static_cast<unsigned long long>(received.load()), static_cast<unsigned long long>(total),
+           exact ? "byte-exact" : "NOT EXACT");
+    return exact;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -347,44 +464,53 @@ int main(int argc, char** argv) {
     std::string dir = dirTemplate;
     signal(SIGPIPE, SIG_IGN);
 
-    RunResult catSum, toolSum;
-    std::vector<double> catRates, toolRates;
-    long toolRss = 0, catRss = 0;
+    // Three readers per round, in turn: cat, the tool alone, the tool with a client that never
+    // reads.
+    const char* const names[] = {"cat", "tool", "tool+stuck client"};
+    RunResult sums[3];
+    std::vector<double> rates[3];
+    long rss[3] = {0, 0, 0};
     bool allSame = true;
     for (int round = 0; round < rounds; ++round) {
-        for (int which = 0; which < 2; ++which) {
-            bool tool = which == 1;
-            RunResult r = RunOne(tool, total, dir, round);
-            printf("round %d %-4s %6.1f MiB/s  cpu %5.2f s  rss %5ld KiB  %s\n", round,
-                   tool ? "tool" : "cat", static_cast<double>(total) / (1 << 20) / r.seconds, r.cpu,
-                   r.maxRssKiB, r.identical ? "identical" : "DIFFERENT");
+        for (int which = 0; which < 3; ++which) {
+            RunResult r = RunOne(which != 0, which == 2, total, dir, round);
+            const double rate = static_cast<double>(total) / (1 << 20) / r.seconds;
+            printf("round %d %-17s %6.1f MiB/s  cpu %5.2f s  rss %5ld KiB  %s\n", round,
+                   names[which], rate, r.cpu, r.maxRssKiB, r.identical ? "identical" : "DIFFERENT");
             fflush(stdout);
-            (tool ? toolRates : catRates)
-                .push_back(static_cast<double>(total) / (1 << 20) / r.seconds);
-            RunResult& sum = tool ? toolSum : catSum;
-            sum.seconds += r.seconds;
-            sum.cpu += r.cpu;
-            long& rss = tool ? toolRss : catRss;
-            rss = std::max(rss, r.maxRssKiB);
+            rates[which].push_back(rate);
+            sums[which].seconds += r.seconds;
+            sums[which].cpu += r.cpu;
+            rss[which] = std::max(rss[which], r.maxRssKiB);
             allSame = allSame && r.identical;
         }
     }
-    double catRate = static_cast<double>(total) * rounds / catSum.seconds / (1 << 20);
-    double toolRate = static_cast<double>(total) * rounds / toolSum.seconds / (1 << 20);
+    double total3[3], median[3];
+    for (int which = 0; which < 3; ++which) {
+        total3[which] = static_cast<double>(total) * rounds / sums[which].seconds / (1 << 20);
+        // The machine may be shared: the medians of the single runs are steadier than the totals.
+        std::sort(rates[which].begin(), rates[which].end());
+        median[which] = rates[which][rates[which].size() / 2];
+    }
     printf("\n%llu MiB x %d rounds each\n", static_cast<unsigned long long>(mib), rounds);
-    printf("throughput: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f (aim >= 0.95)\n", toolRate,
-           catRate, toolRate / catRate);
-    // The machine may be shared: the medians of the single runs are steadier than the totals.
-    std::sort(catRates.begin(), catRates.end());
-    std::sort(toolRates.begin(), toolRates.end());
-    double catMedian = catRates[catRates.size() / 2], toolMedian = toolRates[toolRates.size() / 2];
-    printf("median run: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f\n", toolMedian, catMedian,
-           toolMedian / catMedian);
-    printf("cpu: tool %.2f s, cat %.2f s, ratio %.3f (aim <= 1.5)\n", toolSum.cpu, catSum.cpu,
-           toolSum.cpu / catSum.cpu);
-    printf("peak rss: tool %ld KiB, cat %ld KiB (aim < 4096 KiB)\n", toolRss, catRss);
+    printf("throughput: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f (aim >= 0.95)\n", total3[1],
+           total3[0], total3[1] / total3[0]);
+    printf("median run: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f\n", median[1], median[0],
+           median[1] / median[0]);
+    printf("stuck client: median %.1f MiB/s against %.1f MiB/s alone, ratio %.3f (aim >= 0.95); "
+           "totals ratio %.3f\n",
+           median[2], median[1], median[2] / median[1], total3[2] / total3[1]);
+    printf("cpu: tool %.2f s, cat %.2f s, ratio %.3f (aim <= 1.5); with the stuck client %.2f s, "
+           "ratio %.3f to the tool alone\n",
+           sums[1].cpu, sums[0].cpu, sums[1].cpu / sums[0].cpu, sums[2].cpu,
+           sums[2].cpu / sums[1].cpu);
+    printf("peak rss: tool %ld KiB, cat %ld KiB (aim < 4096 KiB); with the stuck client %ld KiB "
+           "(its queue holds up to 4096 KiB)\n",
+           rss[1], rss[0], rss[2]);
     printf("bytes compared: %llu per run, %s\n", static_cast<unsigned long long>(total),
            allSame ? "all identical" : "MISMATCH");
+    const bool pausedSame = MeasurePausedClient(dir, 12);
+    allSame = allSame && pausedSame;
     MeasureLatency(dir, 500);
     rmdir(dir.c_str());
     return allSame ? 0 : 1;

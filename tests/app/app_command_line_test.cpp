@@ -2,6 +2,9 @@
 // the tool's error line and its exit status (0 for every option fault, on purpose).
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <string>
 #include <vector>
 
@@ -139,6 +142,56 @@ TEST(CommandLine, InterfaceDefinitionFileNamesThePort) {
     EXPECT_NE(out.err.find("Failed to open the serial logging interface '" + port + "'."),
               std::string::npos)
         << out.err;
+}
+
+// A script must be a regular file that can be read: anything else ends the run at start with the
+// script error and the system's reason as the status, before the port is touched.
+TEST(CommandLine, AScriptThatIsNotAReadableRegularFileIsRefusedAtStart) {
+    zavra_test::TempDir dir;
+    const std::string fifo = dir.File("fifo.zos"), locked = dir.File("locked.zos");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
+    ASSERT_TRUE(zavra_test::WriteFile(locked, std::string(16, '\0')));
+    chmod(locked.c_str(), 0);
+    const struct {
+        std::string script;
+        int status;
+    } cases[] = {
+        {dir.Path(), 21},                   // a directory (EISDIR)
+        {fifo, 22},                         // a FIFO would block the start (EINVAL)
+        {dir.File("missing.zos"), 2},       // ENOENT
+        {locked, geteuid() == 0 ? -1 : 13}, // EACCES, unless root reads it anyway
+    };
+    for (const auto& c : cases) {
+        if (c.status < 0)
+            continue;
+        ExpectError({"-d/nonexistent/port", "-s" + c.script, "out.zom"}, c.status,
+                    "Error " + std::to_string(c.status) + "(12):Failed to open script file '" +
+                        c.script + "'");
+    }
+}
+
+// In the testbed of mocked modems and adapters, with two built-in UARTs that have no USB identity:
+// a line with an empty VID, PID or MI lacks that parameter and matches nothing, and a huge bad
+// line is echoed cut short.
+TEST(CommandLine, EmptyDefinitionValuesAreMissingAndABadLineIsEchoedShort) {
+    zavra_test::TempDir dir;
+    const std::string file = dir.File("ports.txt");
+    const std::string huge(5u << 20, 'x');
+    ASSERT_TRUE(zavra_test::WriteFile(
+        file, "VID=,PID=,MI=\nVID=1e2d, PID= , MI=00\nVID=1e2d,PID=0061,MI=\n" + huge + "\n"));
+    Outcome out = RunTool({file, "-o"}, true);
+    EXPECT_EQ(out.status, 0);
+    const std::string prefix = "Error: Incorrect interface definition '";
+    const std::string in = "' in file '" + file + "', ";
+    for (const std::string& line :
+         {prefix + "VID=,PID=,MI=" + in + "'VID' parameter not found.\n",
+          prefix + "VID=1e2d, PID= , MI=00" + in + "'PID' parameter not found.\n",
+          prefix + "VID=1e2d,PID=0061,MI=" + in + "'MI' parameter not found.\n",
+          prefix + huge.substr(0, 80) + "..." + in + "incorrect number of parameters.\n",
+          std::string("Error 0(14):No port detected matching specification (from file).\n")})
+        EXPECT_NE(out.err.find(line), std::string::npos) << line << "\n" << out.err.substr(0, 4096);
+    EXPECT_EQ(out.err.find("Using "), std::string::npos) << out.err.substr(0, 4096);
+    EXPECT_LT(out.err.size(), 2000u);
 }
 
 } // namespace

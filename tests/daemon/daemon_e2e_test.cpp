@@ -235,6 +235,37 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
     EXPECT_EQ(JournalCount(run.store, "Socket port number: " + std::to_string(run.port)), 1);
 }
 
+// A client whose link stalls for 500 ms every 2 s while the modem sends 2 MB/s keeps up on
+// average: the daemon holds each stall's backlog for it, and from the moment it connected it
+// gets every byte, up to the end of the stream.
+TEST(DaemonTool, AClientBehindAStallingLinkGetsEveryByteFromItsConnection) {
+    DaemonRun run;
+    run.StartModem(10000000, 2000000);
+    run.StartTool("", {run.Serve()});
+    int client = run.Connect();
+    zavra_test::PausingReader reader(client, 2000, 500);
+    ASSERT_TRUE(run.modem.WaitForGeneratorDone(60000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.modem.WaitForDrained(20000));
+    run.modem.FlushFiles();
+    const std::string sent = run.Sent();
+    ASSERT_EQ(sent.size(), 10000000u);
+    auto hasTheEnd = [&] {
+        const std::string got = reader.Bytes();
+        return got.size() >= 64 && got.compare(got.size() - 64, 64, sent, sent.size() - 64) == 0;
+    };
+    EXPECT_TRUE(WaitUntil(hasTheEnd, 20000)) << "the client got " << reader.Size() << " bytes";
+    run.Terminate();
+    reader.Stop();
+    close(client);
+    const std::string got = reader.Bytes();
+    EXPECT_GE(reader.Pauses(), 2u);
+    EXPECT_GT(got.size(), sent.size() / 2);
+    ASSERT_LE(got.size(), sent.size());
+    EXPECT_TRUE(got == sent.substr(sent.size() - got.size()))
+        << "the client's stream is the tail of the modem's, byte for byte";
+    EXPECT_EQ(JournalCount(run.store, "dropping data for the client"), 0);
+}
+
 // A full disk needs a small tmpfs on the daemon directory; without the right to mount, the store's
 // test with a segment linked to /dev/full still covers ENOSPC (a file size limit gives EFBIG).
 TEST(DaemonTool, AFullDiskIsJournalledTheClientKeepsTheStreamAndWritingResumes) {

@@ -87,4 +87,51 @@ bool WriteAll(int fd, const std::string& data) {
     return true;
 }
 
+PausingReader::PausingReader(int fd, unsigned everyMs, unsigned pauseMs) {
+    int small = 65536;
+    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    m_thread = std::thread(&PausingReader::Run, this, fd, everyMs, pauseMs);
+}
+
+void PausingReader::Run(int fd, unsigned everyMs, unsigned pauseMs) {
+    using Clock = std::chrono::steady_clock;
+    auto nextPause = Clock::now() + std::chrono::milliseconds(everyMs);
+    char buffer[16384];
+    while (!m_stop) {
+        if (Clock::now() >= nextPause) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+            ++m_pauses;
+            nextPause = Clock::now() + std::chrono::milliseconds(everyMs);
+        }
+        pollfd p{fd, POLLIN, 0};
+        const int ready = poll(&p, 1, 50);
+        if (ready < 0 && errno != EINTR)
+            break;
+        if (ready <= 0)
+            continue;
+        const ssize_t got = read(fd, buffer, sizeof buffer);
+        if (got <= 0)
+            break;
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_bytes.append(buffer, static_cast<size_t>(got));
+    }
+    m_ended = true;
+}
+
+std::string PausingReader::Bytes() const {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_bytes;
+}
+
+size_t PausingReader::Size() const {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_bytes.size();
+}
+
+void PausingReader::Stop() {
+    m_stop = true;
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
 } // namespace zavra_test

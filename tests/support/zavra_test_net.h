@@ -1,7 +1,10 @@
 // Loopback TCP helpers for tests: a port nobody listens on, and a client connection.
 #pragma once
 
+#include <atomic>
+#include <mutex>
 #include <string>
+#include <thread>
 
 namespace zavra_test {
 
@@ -18,5 +21,32 @@ std::string ReadExactly(int fd, size_t count, int timeoutMs);
 
 // Writes all of `data` (blocking, no SIGPIPE); false on error.
 bool WriteAll(int fd, const std::string& data);
+
+// A client behind a link that stalls now and then: a thread reads everything from `fd` (with a
+// small receive buffer, so that the sender feels each stall), except for `pauseMs` after every
+// `everyMs` of reading, until the other end hangs up or Stop.
+class PausingReader {
+public:
+    PausingReader(int fd, unsigned everyMs, unsigned pauseMs);
+    ~PausingReader() { Stop(); }
+    PausingReader(const PausingReader&) = delete;
+    PausingReader& operator=(const PausingReader&) = delete;
+
+    std::string Bytes() const;
+    size_t Size() const;
+    unsigned Pauses() const { return m_pauses; }
+    bool Ended() const { return m_ended; }
+    void Stop();
+
+private:
+    void Run(int fd, unsigned everyMs, unsigned pauseMs);
+
+    mutable std::mutex m_lock;
+    std::string m_bytes;
+    std::atomic<bool> m_stop{false};
+    std::atomic<bool> m_ended{false};
+    std::atomic<unsigned> m_pauses{0};
+    std::thread m_thread;
+};
 
 } // namespace zavra_test
