@@ -25,6 +25,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "zv-log.h"
 #include "zv-sema.h"
@@ -220,7 +221,7 @@ private:
     int m_lockFd;
     int m_dirFd;
 
-    // Sync thread: closed segments waiting to be synced and closed, the one being synced now.
+    // Sync thread: closed segments waiting to be synced and closed, the ones being synced now.
     struct PendingSync {
         int fd;
         ZvAString path;
@@ -228,7 +229,7 @@ private:
     std::mutex m_syncLock;
     std::condition_variable m_syncDone;
     std::deque<PendingSync> m_pendingSyncs;
-    ZvAString m_syncingPath;
+    std::vector<ZvAString> m_syncingPaths;
     std::atomic<bool> m_directoryDirty;
     ZvThread m_syncThread;
     ZvSema m_syncSema;

@@ -6,8 +6,11 @@
 // - A closed segment is handed over with its descriptor; the thread syncs it and closes it.
 // - After segments are created or deleted the directory itself is synced, so that their entries
 //   survive a power cut too.
+// All of it happens once a second, in one pass: each sync of a file or a directory costs the file
+// system a journal commit, and a commit per segment would slow the writes of the port reader.
 #include "zavra_log_zom_daemon.h"
 
+#include <algorithm>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -44,7 +47,9 @@ void ZlZomDaemon::EndSyncThread() {
 }
 
 void ZlZomDaemon::SyncThread() {
+    ZvThread::SetBackgroundPriority(); // the port reader comes first
     for (;;) {
+        // Only an end request posts: otherwise this is a pause of one second.
         m_syncSema.Wait(kCurrentSyncMs);
         const bool end = m_syncThreadEnd;
         SyncPass();
@@ -54,21 +59,24 @@ void ZlZomDaemon::SyncThread() {
 }
 
 void ZlZomDaemon::SyncPass() {
-    for (;;) {
-        PendingSync item;
-        {
-            std::lock_guard<std::mutex> lock(m_syncLock);
-            if (m_pendingSyncs.empty())
-                break;
-            item = m_pendingSyncs.front();
-            m_pendingSyncs.pop_front();
-            m_syncingPath = item.path;
-        }
+    std::deque<PendingSync> batch;
+    {
+        std::lock_guard<std::mutex> lock(m_syncLock);
+        batch.swap(m_pendingSyncs);
+        for (const PendingSync& item : batch)
+            m_syncingPaths.push_back(item.path);
+    }
+    // Write-back starts for all of them first: the first sync then commits the allocations of
+    // every one in one journal commit, and the others only wait for their data.
+    for (const PendingSync& item : batch)
+        sync_file_range(item.fd, 0, 0, SYNC_FILE_RANGE_WRITE);
+    for (const PendingSync& item : batch) {
         fdatasync(item.fd);
         close(item.fd);
         {
             std::lock_guard<std::mutex> lock(m_syncLock);
-            m_syncingPath.clear();
+            m_syncingPaths.erase(
+                std::find(m_syncingPaths.begin(), m_syncingPaths.end(), item.path));
         }
         m_syncDone.notify_all();
     }
@@ -90,23 +98,20 @@ void ZlZomDaemon::SyncCurrentFile() {
             return;
         m_currentFileDirty = false;
         std::lock_guard<std::mutex> lock(m_syncLock);
-        m_syncingPath = m_currentEntry != nullptr ? m_currentEntry->m_path : ZvAString();
+        m_syncingPaths.push_back(m_currentEntry != nullptr ? m_currentEntry->m_path : ZvAString());
     }
     fdatasync(fd);
     close(fd);
     {
         std::lock_guard<std::mutex> lock(m_syncLock);
-        m_syncingPath.clear();
+        m_syncingPaths.pop_back();
     }
     m_syncDone.notify_all();
 }
 
 void ZlZomDaemon::QueueForSync(int fd, const ZvAString& path) {
-    {
-        std::lock_guard<std::mutex> lock(m_syncLock);
-        m_pendingSyncs.push_back({fd, path});
-    }
-    m_syncSema.Post();
+    std::lock_guard<std::mutex> lock(m_syncLock);
+    m_pendingSyncs.push_back({fd, path});
 }
 
 void ZlZomDaemon::ForgetPendingSync(const ZvAString& path) {
@@ -119,10 +124,12 @@ void ZlZomDaemon::ForgetPendingSync(const ZvAString& path) {
         }
     }
     // Being synced right now: its descriptor is closed once the sync returns.
-    m_syncDone.wait(lock, [&] { return path.empty() || m_syncingPath != path; });
+    m_syncDone.wait(lock, [&] {
+        return std::find(m_syncingPaths.begin(), m_syncingPaths.end(), path) ==
+               m_syncingPaths.end();
+    });
 }
 
 void ZlZomDaemon::NoteDirectoryChanged() {
     m_directoryDirty = true;
-    m_syncSema.Post();
 }
