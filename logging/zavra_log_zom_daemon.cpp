@@ -79,7 +79,7 @@ void ZlZomDaemon::WriteJournalLine(const ZvAString& message, bool sync) {
     const ZvAString stamp = ZvTime::GetReverseTimeStringText();
     if (m_journalLinesLost != 0) {
         ZvAString note;
-        note.Printf("%s: Journal: %u lines could not be written (disk full).\n", stamp.c_str(),
+        note.Printf("%s: Journal: %u lines could not be written.\n", stamp.c_str(),
                     m_journalLinesLost);
         if (!WriteJournalRaw(note)) {
             ++m_journalLinesLost;
@@ -143,6 +143,7 @@ bool ZlZomDaemon::LockDirectory(const ZvAString& directory, ZvAString& error) {
             error.Printf("Failed to lock '%s' (%s).", path.c_str(), strerror(reason));
         }
         close(fd);
+        errno = reason; // for the caller's exit status
         return false;
     }
     // The owner's process id, for the message of a second daemon.
