@@ -36,15 +36,12 @@ size_t WriteAll(int fd, const unsigned char* data, size_t size, int& error) {
 ZlZomDaemon::ZlZomDaemon()
     : m_totalLimit(0), m_fileLimit(0), m_currentLogsSize(0), m_currentEntry(nullptr),
       m_firstSegmentEntry(nullptr), m_keepFirstSegment(false), m_bytesInCurrentFile(0),
-      m_segmentNumber(0), m_segmentsInLog(0), m_fileFd(-1), m_bytesOnDiskInCurrentFile(0),
-      m_currentFileDirty(false), m_writeFailing(false), m_bytesNotWritten(0), m_bytesLost(0),
-      m_openFailing(false), m_openFailures(0), m_deleteFailing(false), m_journalFd(-1),
-      m_journalSize(0), m_journalLinesLost(0), m_lockFd(-1), m_dirFd(-1), m_directoryDirty(false),
-      m_syncThreadEnd(false), m_syncThreadRunning(false), m_lastCurrentSyncTick(0),
-      m_portOpen(false), m_connectThreadEnd(false), m_socketPort(-1), m_serverSocket(-1),
-      m_socketThreadEnd(false), m_shutDown(false), m_storeClosed(false), m_clientDropping(false),
-      m_droppedChunks(0), m_droppedBytes(0), m_runDroppedChunks(0), m_runDroppedBytes(0),
-      m_lastDropTick(0) {
+      m_segmentNumber(0), m_segmentsInLog(0), m_fileFd(-1), m_writeFailing(false),
+      m_bytesNotWritten(0), m_openFailing(false), m_openFailures(0), m_deleteFailing(false),
+      m_journalFd(-1), m_portOpen(false), m_connectThreadEnd(false), m_socketPort(-1),
+      m_serverSocket(-1), m_socketThreadEnd(false), m_shutDown(false), m_storeClosed(false),
+      m_clientDropping(false), m_droppedChunks(0), m_droppedBytes(0), m_runDroppedChunks(0),
+      m_runDroppedBytes(0), m_lastDropTick(0) {
     m_connectSema.Create(0);
     m_socketSema.Create(0);
     m_syncSema.Create(0);

@@ -199,13 +199,13 @@ private:
     std::mutex m_storeLock;
     // Bytes of the current file that actually reached it (m_bytesInCurrentFile counts the stream
     // bytes the segment stands for, lost ones included, so a loss never stretches a segment).
-    unsigned long long m_bytesOnDiskInCurrentFile;
-    bool m_currentFileDirty;
+    unsigned long long m_bytesOnDiskInCurrentFile = 0;
+    bool m_currentFileDirty = false;
 
     // Quiet journalling of repeated faults: one line when they start, a summary when they end.
     bool m_writeFailing;
     unsigned long long m_bytesNotWritten;
-    unsigned long long m_bytesLost;
+    unsigned long long m_bytesLost = 0;
     bool m_openFailing;
     unsigned m_openFailures;
     bool m_deleteFailing;
@@ -214,12 +214,12 @@ private:
     int m_journalFd;
     std::mutex m_journalLock;
     // The journal's length: a line that fits only in part is cut off again.
-    long long m_journalSize;
-    unsigned m_journalLinesLost;
+    long long m_journalSize = 0;
+    unsigned m_journalLinesLost = 0;
 
     // The directory's lock file, and the directory itself for syncing its entries.
-    int m_lockFd;
-    int m_dirFd;
+    int m_lockFd = -1;
+    int m_dirFd = -1;
 
     // Sync thread: closed segments waiting to be synced and closed, the ones being synced now.
     struct PendingSync {
@@ -230,12 +230,12 @@ private:
     std::condition_variable m_syncDone;
     std::deque<PendingSync> m_pendingSyncs;
     std::vector<ZvAString> m_syncingPaths;
-    std::atomic<bool> m_directoryDirty;
+    std::atomic<bool> m_directoryDirty{false};
     ZvThread m_syncThread;
     ZvSema m_syncSema;
-    std::atomic<bool> m_syncThreadEnd;
-    bool m_syncThreadRunning;
-    unsigned m_lastCurrentSyncTick;
+    std::atomic<bool> m_syncThreadEnd{false};
+    bool m_syncThreadRunning = false;
+    unsigned m_lastCurrentSyncTick = 0;
 
     // Port and threads.
     std::atomic<bool> m_portOpen;
