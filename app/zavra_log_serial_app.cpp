@@ -79,7 +79,7 @@ void Zlbs::OpenScript() {
 void Zlbs::StartPortCheck() {
     serial.SetRxHandler(&rxNormal);
     if (!ZlsOpenPort())
-        error(ZLBS_ERROR_PORT, serial.GetLastError(), "%s", lastPortError.c_str());
+        PortOpenFailed();
     ZlsClosePort();
 }
 
@@ -116,8 +116,15 @@ void Zlbs::OpenPortAndInitialiseTarget() {
     if (noisiness > 4)
         ZvLog::Status("Opening serial port.");
     if (!ZlsOpenPort())
-        error(ZLBS_ERROR_PORT, serial.GetLastError(), "%s", lastPortError.c_str());
+        PortOpenFailed();
     ZlsInitialiseTarget();
+}
+
+void Zlbs::PortOpenFailed() {
+    if (!lastPortReason.empty())
+        ZvLog::Error("The serial logging interface '%s' cannot be opened: %s.",
+                     args.devicePath.c_str(), lastPortReason.c_str());
+    error(ZLBS_ERROR_PORT, serial.GetLastError(), "%s", lastPortError.c_str());
 }
 
 int Zlbs::WaitLoop() {

@@ -71,6 +71,8 @@ public:
     ZlbsSendMessages sender;
     ZvLogStderr logger;
     ZvAString lastPortError;
+    // Why the port did not open, in the system's words (or "it is in use by another program").
+    ZvAString lastPortReason;
     ZvSema endOfRun;
 
 private:
@@ -79,6 +81,8 @@ private:
     void StartPortCheck();
     // The port for a capture or an extraction: a failure to open it ends the run.
     void OpenPortAndInitialiseTarget();
+    // Ends the run after a failed ZlsOpenPort, with the reason on a line of its own.
+    [[noreturn]] void PortOpenFailed();
     int WaitLoop();
     void HandlePortFailure();
 };

@@ -1,9 +1,12 @@
 // The option loop over "a:be:fhov:c:p::m:d:r:s:tx" and the checks that follow it.
 #include <getopt.h>
 #include <strings.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 
 #include "zavra_log_common.h"
 #include "zavra_log_serial_args.h"
@@ -25,6 +28,20 @@ void SplitList(const char* text, ZvAStringList& list) {
     list.RemoveEmptyLines();
 }
 
+// The daemon's directory must be a directory, made when missing, that the tool can write to: a
+// regular file or a read-only directory would otherwise swallow the whole stream unseen.
+void CheckDaemonDirectory(const char* dir) {
+    if (!ZvFileUtil::IsDir(dir) && !ZvFileUtil::MakeDir(dir))
+        ZLBS_OPTION_ERROR("The output directory '%s' given in the -a (daemon mode) option could "
+                          "not be created.",
+                          dir);
+    // access() also refuses a read-only file system to root, whom permission bits do not stop.
+    if (access(dir, W_OK | X_OK) != 0)
+        ZLBS_OPTION_ERROR("The output directory '%s' given in the -a (daemon mode) option cannot "
+                          "be written to (%s).",
+                          dir, strerror(errno));
+}
+
 void ParseDaemon(const char* text, ZlbsArgData& args) {
     ZvAStringList items;
     SplitList(text, items);
@@ -32,10 +49,7 @@ void ParseDaemon(const char* text, ZlbsArgData& args) {
         ZLBS_OPTION_ERROR("The -a (daemon mode) option requires an argument.");
     args.daemonMode = true;
     args.daemonDirectory = items[0];
-    if (!ZvFileUtil::DirExists(items[0].c_str()) && !ZvFileUtil::MakeDir(items[0].c_str()))
-        ZLBS_OPTION_ERROR("The output directory '%s' given in the -a (daemon mode) option could "
-                          "not be created.",
-                          items[0].c_str());
+    CheckDaemonDirectory(items[0].c_str());
     if (items.Count() > 1)
         args.daemonTotalSize = static_cast<uint64_t>(strtoll(items[1].c_str(), nullptr, 0)) << 20;
     if (items.Count() > 2)

@@ -34,6 +34,18 @@ protected:
     }
     // Every segment file starts with the host time, so each can be read on its own.
     void OnNewLogSegment() override { ZlbsApp().sender.SendHostTime(); }
+    ZvAString PortName() override { return ZlbsApp().args.devicePath; }
+    ZvAString PortOpenFailure() override {
+        Zlbs& app = ZlbsApp();
+        ZvAString text = app.lastPortError;
+        if (!app.lastPortReason.empty()) {
+            text.pop_back(); // the full stop, so that the reason joins the sentence
+            text += " (";
+            text += app.lastPortReason;
+            text += ").";
+        }
+        return text;
+    }
 };
 
 class ZlbsRxDaemon : public ZlbsRxBase {
@@ -58,6 +70,18 @@ ZlSerialZomDaemon& Store() {
 
 void ZlbsDaemonStart(Zlbs& app) {
     ZlSerialZomDaemon& store = Store();
+    // A second daemon must leave the first one alone: its directory (journal and files) and its
+    // port are refused before anything of them is touched.
+    ZvAString lockError;
+    if (!store.LockDirectory(app.args.daemonDirectory, lockError))
+        error(ZLBS_ERROR_FILE, errno, "%s", lockError.c_str());
+    const char* port = app.args.devicePath.c_str();
+    if (ZvSerial::IsHeldByAnother(port)) {
+        ZvLog::Error("The serial logging interface '%s' cannot be opened: %s.", port,
+                     ZvSerial::DescribeOpenError(EWOULDBLOCK));
+        error(ZLBS_ERROR_PORT, EWOULDBLOCK, "Failed to open the serial logging interface '%s'.",
+              port);
+    }
     store.SetKeepFirstSegment(app.args.keepFirstSegment);
     static ZlbsRxDaemon* rxDaemon = new ZlbsRxDaemon(app.endOfRun, store);
     app.serial.SetRxHandler(rxDaemon);

@@ -1,5 +1,7 @@
 #include "zavra_log_serial_rx.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 #include "zavra_log_serial_socket.h"
@@ -23,6 +25,9 @@ bool ZlbsRxNormal::OpenFile(const char* path) {
 
 void ZlbsRxNormal::CloseFile() {
     if (m_file != nullptr) {
+        // The capture is on the disk when the tool ends, not only in the page cache.
+        fflush(m_file);
+        fsync(fileno(m_file));
         fclose(m_file);
         m_file = nullptr;
     }

@@ -40,12 +40,15 @@ void ZlbsSendMessages::SendMsg(unsigned, unsigned char* data, unsigned size) {
 bool ZlsOpenPort() {
     Zlbs& app = ZlbsApp();
     app.lastPortError.clear();
+    app.lastPortReason.clear();
     app.serial.SetPortName(app.args.devicePath.c_str());
     app.serial.OnClose();
     app.serial.ResetByteCounts();
     if (app.serial.GetRxHandler() == nullptr || !app.serial.OnOpen()) {
         app.lastPortError.Printf("Failed to open the serial logging interface '%s'.",
                                  app.args.devicePath.c_str());
+        if (app.serial.GetLastError() != 0)
+            app.lastPortReason = ZvSerial::DescribeOpenError(app.serial.GetLastError());
         return false;
     }
     return true;

@@ -2,8 +2,11 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include <cstring>
 
 namespace {
 
@@ -64,10 +67,11 @@ bool ZvSerial::SpeedToConstant(unsigned speed, speed_t& constant) {
     return false;
 }
 
-bool ZvSerial::Fail(int fd) {
+bool ZvSerial::Fail(int fd, bool clearExclusive) {
     m_lastError = errno;
     if (fd >= 0 && m_fd.compare_exchange_strong(fd, -1)) {
-        ioctl(fd, TIOCNXCL);
+        if (clearExclusive)
+            ioctl(fd, TIOCNXCL);
         close(fd);
     }
     return false;
@@ -81,6 +85,10 @@ bool ZvSerial::Open(const char* name, unsigned speed, unsigned flags) {
     if (fd < 0)
         return Fail(-1);
     m_fd = fd;
+    // Locked before anything else: the flush below would otherwise throw away bytes that belong
+    // to the process already reading the port. The exclusive mode is that process's, too.
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0)
+        return Fail(fd, false);
 
     termios settings{};
     if (tcgetattr(fd, &settings) != 0)
@@ -112,6 +120,21 @@ bool ZvSerial::Open(const char* name, unsigned speed, unsigned flags) {
         ioctl(fd, TIOCEXCL) != 0)
         return Fail(fd);
     return true;
+}
+
+bool ZvSerial::IsHeldByAnother(const char* name) {
+    const int fd = open(name, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0)
+        return errno == EBUSY; // the terminal's exclusive mode, for a user other than root
+    const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    close(fd); // also gives up the lock taken here
+    return held;
+}
+
+const char* ZvSerial::DescribeOpenError(int error) {
+    if (error == EWOULDBLOCK || error == EBUSY)
+        return "it is in use by another program";
+    return strerror(error);
 }
 
 bool ZvSerial::SetTotalTimeout(unsigned ms) {

@@ -2,6 +2,10 @@
 // no translation, optional RTS/CTS, and an inter-read time-out.
 //
 // Threads: Open and SetTotalTimeout are called by the owner while no other thread uses the port.
+// An open port also holds an exclusive advisory lock (flock) on the device: a second program
+// using the same convention (a second capture, as root, which the terminal's exclusive mode does
+// not stop) is refused instead of splitting the stream.
+//
 // Read is called by one reader thread; Write may be called from other threads at the same time
 // (writes are not serialised here). Close may be called from another thread while a Read is in
 // progress: the descriptor is swapped to -1 before it is closed, so later calls fail cleanly; a
@@ -21,8 +25,9 @@ public:
     ZvSerial(const ZvSerial&) = delete;
     ZvSerial& operator=(const ZvSerial&) = delete;
 
-    // Opens (closing any earlier descriptor) and configures the port; false with the system error
-    // number kept in GetLastError() on failure, the descriptor then closed.
+    // Opens (closing any earlier descriptor), locks and configures the port; false with the system
+    // error number kept in GetLastError() on failure, the descriptor then closed. A port locked by
+    // another process fails with EWOULDBLOCK before anything on it is changed or flushed.
     bool Open(const char* name, unsigned speed, unsigned flags);
     // VTIME = ms / 100 (deciseconds, truncated, wraps in one byte), VMIN = 0. False when closed.
     bool SetTotalTimeout(unsigned ms);
@@ -37,11 +42,19 @@ public:
     int GetHandle() const { return m_fd.load(); }
     int GetLastError() const { return m_lastError; }
 
+    // Whether another process holds the port open and locked. Opens the port for a moment without
+    // changing it; a port that cannot be opened at all is not reported as held.
+    static bool IsHeldByAnother(const char* name);
+    // Why an open failed, as a sentence fragment for messages: the system's text, or plain words
+    // for a port held by another program.
+    static const char* DescribeOpenError(int error);
+
     // The terminal speed constant for a speed in bits per second; false when not in the table.
     static bool SpeedToConstant(unsigned speed, speed_t& constant);
 
 private:
-    bool Fail(int fd);
+    // Closes fd; the terminal's exclusive mode is given up only when this open had set it.
+    bool Fail(int fd, bool clearExclusive = true);
 
     std::atomic<int> m_fd;
     std::atomic<int> m_lastError;

@@ -3,8 +3,13 @@
 #include <cstdint>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace {
+
+const int kBackgroundNice = 10;
 
 // The thread's own object while its worker runs, so a worker can recognise itself.
 thread_local ZvThread* t_currentThread = nullptr;
@@ -193,6 +198,11 @@ void ZvThread::SetAboveNormalPriority() {
 
 void ZvThread::SetHighPriority() {
     AdjustPriority(2, false);
+}
+
+void ZvThread::SetBackgroundPriority() {
+    // On Linux the nice value is per thread, addressed by its thread id.
+    setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), kBackgroundNice);
 }
 
 bool ZvThreadStartFreeThread(void (*fn)(void*), void* arg) {

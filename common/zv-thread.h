@@ -58,6 +58,9 @@ public:
     static void SetRealTimePriority();
     static void SetAboveNormalPriority();
     static void SetHighPriority();
+    // The calling thread yields to the others (a higher nice value): for work in the background
+    // that must not slow a time-critical thread, such as syncing files.
+    static void SetBackgroundPriority();
 
     // Installs the SIGUSR1 handler used by Terminate; done once at load, idempotent.
     static void InstallTerminateHandler();

@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include "zv-file-util.h"
@@ -40,6 +42,7 @@ ZlZomDaemon::ZlZomDaemon()
       m_serverSocket(-1), m_socketThreadEnd(false), m_shutDown(false), m_storeClosed(false) {
     m_connectSema.Create(0);
     m_socketSema.Create(0);
+    m_syncSema.Create(0);
 }
 
 ZlZomDaemon::~ZlZomDaemon() {
@@ -47,22 +50,104 @@ ZlZomDaemon::~ZlZomDaemon() {
 }
 
 void ZlZomDaemon::LogText(const char* format, ...) {
-    std::lock_guard<std::mutex> lock(m_journalLock);
-    if (m_journalFd < 0)
-        return;
-    ZvAString line = ZvTime::GetReverseTimeStringText();
-    line += ": ";
     ZvAString message;
     va_list args;
     va_start(args, format);
     message.Vprintf(format, args);
     va_end(args);
+    WriteJournalLine(message, false);
+}
+
+void ZlZomDaemon::LogFault(const char* format, ...) {
+    ZvAString message;
+    va_list args;
+    va_start(args, format);
+    message.Vprintf(format, args);
+    va_end(args);
+    WriteJournalLine(message, true);
+}
+
+void ZlZomDaemon::WriteJournalLine(const ZvAString& message, bool sync) {
+    std::lock_guard<std::mutex> lock(m_journalLock);
+    if (m_journalFd < 0)
+        return;
+    const ZvAString stamp = ZvTime::GetReverseTimeStringText();
+    if (m_journalLinesLost != 0) {
+        ZvAString note;
+        note.Printf("%s: Journal: %u lines could not be written.\n", stamp.c_str(),
+                    m_journalLinesLost);
+        if (!WriteJournalRaw(note)) {
+            ++m_journalLinesLost;
+            return;
+        }
+        m_journalLinesLost = 0;
+        sync = true;
+    }
+    ZvAString line = stamp;
+    line += ": ";
     line += message;
     line += "\n";
-    // One write per line: the line reaches the file at once, and a line that cannot be written
-    // (full disk) is lost alone without holding up the next.
+    if (!WriteJournalRaw(line)) {
+        ++m_journalLinesLost;
+        return;
+    }
+    if (sync)
+        fdatasync(m_journalFd);
+}
+
+bool ZlZomDaemon::WriteJournalRaw(const ZvAString& line) {
+    // One write per line: the line reaches the file at once. Should only part of it fit (a full
+    // disk), the part is cut off again, so that the journal never holds a torn line.
     int error;
-    WriteAll(m_journalFd, reinterpret_cast<const unsigned char*>(line.data()), line.size(), error);
+    const size_t written = WriteAll(
+        m_journalFd, reinterpret_cast<const unsigned char*>(line.data()), line.size(), error);
+    if (written == line.size()) {
+        m_journalSize += static_cast<long long>(written);
+        return true;
+    }
+    if (written != 0) {
+        if (ftruncate(m_journalFd, m_journalSize) != 0) {
+            // The part stays; end it so that the next line starts on its own.
+            m_journalSize += static_cast<long long>(written);
+            return false;
+        }
+        lseek(m_journalFd, m_journalSize, SEEK_SET);
+    }
+    return false;
+}
+
+bool ZlZomDaemon::LockDirectory(const ZvAString& directory, ZvAString& error) {
+    ZvAString path = directory;
+    ZvFileUtil::AppendToPath(path, "daemon.lock");
+    const int fd = ZvFile::OpenFd(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        error.Printf("Failed to create the lock file '%s' (%s).", path.c_str(), strerror(errno));
+        return false;
+    }
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+        const int reason = errno;
+        if (reason == EWOULDBLOCK) {
+            char owner[32] = {0};
+            const ssize_t got = pread(fd, owner, sizeof(owner) - 1, 0);
+            ZvAString pid(got > 0 ? owner : "");
+            pid.Trim();
+            error.Printf("Another daemon is already logging to the directory '%s'%s%s%s.",
+                         directory.c_str(), pid.empty() ? "" : " (process ", pid.c_str(),
+                         pid.empty() ? "" : ")");
+        } else {
+            error.Printf("Failed to lock '%s' (%s).", path.c_str(), strerror(reason));
+        }
+        close(fd);
+        errno = reason; // for the caller's exit status
+        return false;
+    }
+    // The owner's process id, for the message of a second daemon.
+    ZvAString pid;
+    pid.Printf("%d\n", static_cast<int>(getpid()));
+    if (ftruncate(fd, 0) == 0)
+        (void)!pwrite(fd, pid.data(), pid.size(), 0);
+    m_lockFd = fd;
+    return true;
 }
 
 bool ZlZomDaemon::Initialise(ZvAString directory, unsigned long long totalSize,
@@ -83,7 +168,10 @@ bool ZlZomDaemon::Initialise(ZvAString directory, unsigned long long totalSize,
         std::lock_guard<std::mutex> lock(m_journalLock);
         m_journalFd =
             ZvFile::OpenFd(journal.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+        m_journalSize = 0;
+        m_journalLinesLost = 0;
     }
+    m_dirFd = ZvFile::OpenFd(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ZvAString versionText;
     version.GetFullVersionString(versionText);
     LogText("Initialising started.");
@@ -108,6 +196,8 @@ bool ZlZomDaemon::Initialise(ZvAString directory, unsigned long long totalSize,
         }
     }
 
+    if (ok)
+        StartSyncThread();
     if (ok && m_socketPort >= 0) {
         if (!m_socketThread.Create(SocketThreadFunc, this) ||
             !m_socketThread.WaitForThreadStart(ZvThread::kWaitForever)) {
@@ -163,7 +253,6 @@ void ZlZomDaemon::NewLogData(unsigned char* data, unsigned size) {
         std::lock_guard<std::mutex> lock(m_storeLock);
         if (m_storeClosed)
             return;
-        m_currentLogsSize += size;
         if (m_fileFd < 0) {
             m_logName = ZvTime::GetReverseTimeString();
             m_segmentNumber = 0;
@@ -172,7 +261,7 @@ void ZlZomDaemon::NewLogData(unsigned char* data, unsigned size) {
             m_firstSegmentEntry = nullptr;
         }
         if (m_totalLimit != 0)
-            MakeRoom();
+            MakeRoomFor(size);
 
         const unsigned long long before = m_bytesInCurrentFile;
         m_bytesInCurrentFile += size;
@@ -188,21 +277,27 @@ void ZlZomDaemon::NewLogData(unsigned char* data, unsigned size) {
             const unsigned first =
                 before < m_fileLimit ? static_cast<unsigned>(m_fileLimit - before) : 0;
             WriteToFile(data, first);
-            // Exactly the limit, unless an earlier oversized rest already went past it.
-            CloseCurrentFileLocked(before + first);
+            CloseCurrentFileLocked(m_bytesOnDiskInCurrentFile);
             rest = data + first;
             restSize = size - first;
             m_bytesInCurrentFile = restSize;
             // Only matters when a segment is about as large as the whole budget: the segment
             // just closed is then the one that has to go.
             if (m_totalLimit != 0)
-                MakeRoom();
+                MakeRoomFor(restSize);
         }
         if (m_fileFd < 0)
             OpenNextFile();
         WriteToFile(rest, restSize);
     }
     SendToClient(data, size);
+}
+
+void ZlZomDaemon::MakeRoomFor(unsigned incoming) {
+    // The budget counts what is on disk; the chunk about to be written is counted in advance.
+    m_currentLogsSize += incoming;
+    MakeRoom();
+    m_currentLogsSize -= std::min<unsigned long long>(incoming, m_currentLogsSize);
 }
 
 void ZlZomDaemon::MakeRoom() {
@@ -219,7 +314,7 @@ void ZlZomDaemon::MakeRoom() {
         // A file that cannot be removed now is tried again with the next chunk; waiting here
         // would stall the stream and the client for as long as the fault lasts.
         if (!m_deleteFailing)
-            LogText("NewLogData. Failed to delete an old file.");
+            LogFault("NewLogData. Failed to delete an old file.");
         m_deleteFailing = true;
         break;
     }
@@ -270,9 +365,15 @@ void ZlZomDaemon::OpenNextFile() {
     }
     m_files.push_back(std::move(entry));
 
-    m_fileFd = ZvFile::OpenFd(path.c_str(),
-                              O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC), 0666);
+    const int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (append ? O_APPEND : O_TRUNC);
+    m_fileFd = ZvFile::OpenFd(path.c_str(), flags, 0666);
+    // A full disk may not even take a new file: older files make room for it.
+    while (m_fileFd < 0 && (errno == ENOSPC || errno == EDQUOT) && DeleteOldestForSpace())
+        m_fileFd = ZvFile::OpenFd(path.c_str(), flags, 0666);
+    m_bytesOnDiskInCurrentFile = 0;
+    m_currentFileDirty = false;
     if (m_fileFd >= 0) {
+        NoteDirectoryChanged();
         LogText("NewLogData. Log file opened '%s'.", path.c_str());
         if (m_openFailing) {
             LogText("NewLogData. Log files open again after %u failed attempts.", m_openFailures);
@@ -284,7 +385,7 @@ void ZlZomDaemon::OpenNextFile() {
         return;
     }
     if (!m_openFailing)
-        LogText("NewLogData. Log file failed to opened '%s'.", path.c_str());
+        LogFault("NewLogData. Log file failed to opened '%s'.", path.c_str());
     m_openFailing = true;
     ++m_openFailures;
     // Nothing of this file exists: forget it, so that a long fault does not grow the list.
@@ -311,31 +412,76 @@ void ZlZomDaemon::ApplyKeepFirstSegment() {
 void ZlZomDaemon::WriteToFile(const unsigned char* data, unsigned size) {
     if (size == 0)
         return;
-    if (m_fileFd < 0) {
-        // No file could be opened: these bytes are not in the directory.
-        m_currentLogsSize -= std::min<unsigned long long>(size, m_currentLogsSize);
+    while (size > 0) {
+        if (m_fileFd < 0) {
+            NoteBytesLost(size, 0); // no file could be opened
+            return;
+        }
+        // Straight to the descriptor, no user-space buffer: every byte handed over is in the
+        // file at once, whatever way the process ends.
+        int error;
+        const size_t written = WriteAll(m_fileFd, data, size, error);
+        m_bytesOnDiskInCurrentFile += written;
+        m_currentLogsSize += written;
+        m_currentFileDirty = m_currentFileDirty || written != 0;
+        data += written;
+        size -= static_cast<unsigned>(written);
+        if (size == 0)
+            break;
+        // A full disk keeps the newest data: older files go, and the rest of the chunk is tried
+        // again. Bytes are lost only once nothing is left to delete.
+        if ((error == ENOSPC || error == EDQUOT) && DeleteOldestForSpace())
+            continue;
+        NoteBytesLost(size, error);
         return;
     }
-    // Straight to the descriptor, no user-space buffer: every byte handed over is in the file
-    // at once, whatever way the process ends.
-    int error;
-    const size_t written = WriteAll(m_fileFd, data, size, error);
-    if (written == size) {
-        if (m_writeFailing)
-            NoteWriteResumed();
-        return;
+    if (m_writeFailing)
+        NoteWriteResumed();
+}
+
+bool ZlZomDaemon::DeleteOldestForSpace() {
+    for (size_t i = 0; i < m_files.size(); ++i) {
+        const ZlZomDaemonDirFile* entry = m_files[i].get();
+        if (entry == m_currentEntry || (m_keepFirstSegment && entry == m_firstSegmentEntry))
+            continue;
+        if (!DeleteFileAt(i))
+            return false;
+        return true;
     }
-    // Typically a full disk. The file stays open and every later chunk is tried again, so the
-    // store writes again as soon as there is room; the journal gets one line per episode.
-    m_bytesNotWritten += size - written;
-    if (!m_writeFailing)
-        LogText("NewLogData. Call to fwrite failed, return=%u, errno=%d, file=0x%08X.",
-                static_cast<unsigned>(written), error, static_cast<unsigned>(m_fileFd));
+    return false;
+}
+
+void ZlZomDaemon::NoteBytesLost(unsigned long long bytes, int error) {
+    m_bytesNotWritten += bytes;
+    m_bytesLost += bytes;
+    if (m_writeFailing)
+        return;
+    // One pair of lines per episode, in the journal and on standard error, however many chunks
+    // it lasts; the episode's loss is given exactly when it ends.
     m_writeFailing = true;
+    LogFault("NewLogData. Call to fwrite failed, return=%u, errno=%d, file=0x%08X.", 0u, error,
+             static_cast<unsigned>(m_fileFd));
+    ZvLog::Warning("Writing to the log directory '%s' stopped (%s): nothing is left to delete, "
+                   "log data is being lost.",
+                   m_directory.c_str(), error != 0 ? strerror(error) : "no log file is open");
 }
 
 void ZlZomDaemon::NoteWriteResumed() {
-    LogText("NewLogData. Writing resumed, %llu bytes could not be written.", m_bytesNotWritten);
+    LogFault("NewLogData. Writing resumed, %llu bytes could not be written.", m_bytesNotWritten);
+    ZvLog::Warning("Writing to the log directory '%s' resumed; %llu bytes of log data were lost.",
+                   m_directory.c_str(), m_bytesNotWritten);
+    m_writeFailing = false;
+    m_bytesNotWritten = 0;
+}
+
+void ZlZomDaemon::NoteLossAtShutdown() {
+    if (!m_writeFailing)
+        return;
+    LogFault("NewLogData. Writing did not resume, %llu bytes could not be written.",
+             m_bytesNotWritten);
+    ZvLog::Warning(
+        "Writing to the log directory '%s' did not resume; %llu bytes of log data were lost.",
+        m_directory.c_str(), m_bytesNotWritten);
     m_writeFailing = false;
     m_bytesNotWritten = 0;
 }
@@ -347,8 +493,10 @@ void ZlZomDaemon::CloseCurrentFile(unsigned long long size) {
 
 void ZlZomDaemon::CloseCurrentFileLocked(unsigned long long size) {
     if (m_fileFd >= 0) {
-        close(m_fileFd);
+        // The sync thread syncs and closes it, so the reader does not wait for the disk.
+        QueueForSync(m_fileFd, m_currentEntry != nullptr ? m_currentEntry->m_path : ZvAString());
         m_fileFd = -1;
+        m_currentFileDirty = false;
     }
     if (m_currentEntry != nullptr) {
         LogText("Log file closed '%s' of %llu bytes.", m_currentEntry->m_path.c_str(), size);
@@ -367,12 +515,19 @@ bool ZlZomDaemon::DeleteOldestFileLocked() {
         LogText("DeleteOldestFile error. Attempt to delete an old file when none exists.");
         return false;
     }
-    ZlZomDaemonDirFile* entry = m_files.front().get();
+    return DeleteFileAt(0);
+}
+
+bool ZlZomDaemon::DeleteFileAt(size_t index) {
+    ZlZomDaemonDirFile* entry = m_files[index].get();
     const char* path = entry->m_path.c_str();
+    // A closed segment may still be open for its sync: its blocks would stay in use.
+    ForgetPendingSync(entry->m_path);
     if (ZvFile::Exists(path) && !ZvFileUtil::DelFile(path)) {
-        LogText("DeleteOldestFile error. Failed to delete '%s'.", path);
+        LogFault("DeleteOldestFile error. Failed to delete '%s'.", path);
         return false;
     }
+    NoteDirectoryChanged();
     LogText("Deleting old file '%s' of %llu bytes (total %llu).", path, entry->m_size,
             m_currentLogsSize);
     if (entry->m_size > m_currentLogsSize) {
@@ -386,7 +541,7 @@ bool ZlZomDaemon::DeleteOldestFileLocked() {
         m_currentEntry = nullptr;
     if (entry == m_firstSegmentEntry)
         m_firstSegmentEntry = nullptr;
-    m_files.pop_front();
+    m_files.erase(m_files.begin() + static_cast<std::ptrdiff_t>(index));
     return true;
 }
 
@@ -408,4 +563,9 @@ void ZlZomDaemon::GetFileList(ZvAStringList& paths) {
     paths.Clear();
     for (const auto& entry : m_files)
         paths.Add(entry->m_path);
+}
+
+unsigned long long ZlZomDaemon::GetBytesLost() {
+    std::lock_guard<std::mutex> lock(m_storeLock);
+    return m_bytesLost;
 }

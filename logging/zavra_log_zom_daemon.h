@@ -11,6 +11,9 @@
 // - The socket thread accepts clients, calls SendPort with what they send and
 //   SocketClientDisconnect when they leave.
 // - PortFailureDetected, GetCrashFileName and Shutdown come from the tool's main thread.
+// - The sync thread bounds what a power cut can take: it syncs the segment being written at most
+//   once a second, each closed segment, and the directory after segments come and go, so that the
+//   port reader never waits for the disk.
 // The file state is guarded by one lock, the client socket by another, the journal by a third:
 // the connect thread closes the current file while the reader may be writing to it, and an
 // unguarded descriptor could be closed, reused by the re-opened port and written to. The stream
@@ -19,9 +22,11 @@
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "zv-log.h"
 #include "zv-sema.h"
@@ -66,6 +71,12 @@ public:
     int GetSocketPort() const { return m_socketPort; }
     void SetKeepFirstSegment(bool keep) { m_keepFirstSegment = keep; }
 
+    // Takes the directory for this process alone (an advisory lock on "daemon.lock" in it), before
+    // Initialise touches the journal; false with a sentence naming the directory and the reason.
+    // A second daemon on the same directory would otherwise truncate the first one's journal and
+    // delete its files.
+    bool LockDirectory(const ZvAString& directory, ZvAString& error);
+
     // Sizes in bytes, 0 meaning no limit / no splitting. Opens the journal, takes over the
     // existing ".zom" files, trims them to the budget and starts the threads.
     bool Initialise(ZvAString directory, unsigned long long totalSize, unsigned long long fileSize,
@@ -77,8 +88,11 @@ public:
     bool DeleteOldestFile();
     // The directory joined with "daemon_" and the current log name, without extension.
     void GetCrashFileName(ZvAString& path);
-    // One time-stamped journal line, flushed at once.
+    // One time-stamped journal line, written whole in one write or not at all (a full disk never
+    // tears a line; the lines lost are counted and reported once there is room again).
     void LogText(const char* format, ...) ZV_PRINTF(2, 3);
+    // The same for a fault, and the journal is synced so that the line survives a power cut.
+    void LogFault(const char* format, ...) ZV_PRINTF(2, 3);
 
     // The port reader failed: the connect thread closes and re-opens the port.
     void PortFailureDetected();
@@ -97,6 +111,9 @@ public:
     unsigned long long GetCurrentLogsSize();
     // The managed files in deletion order (oldest first).
     void GetFileList(ZvAStringList& paths);
+    // Stream bytes that could not be written to any file since Initialise (a full disk with
+    // nothing left to delete, or no file that could be opened).
+    unsigned long long GetBytesLost();
     // Chunks and bytes that the clients could not take since the store was made.
     unsigned long long GetClientDroppedChunks();
     unsigned long long GetClientDroppedBytes();
@@ -109,6 +126,9 @@ protected:
     virtual bool InitialiseTarget() = 0;
     virtual void SocketClientDisconnect() = 0;
     virtual void OnNewLogSegment() = 0;
+    // For the messages of a port that will not open: its name, and why the last OpenPort failed.
+    virtual ZvAString PortName() { return ZvAString(); }
+    virtual ZvAString PortOpenFailure() { return ZvAString(); }
 
 private:
     typedef std::deque<std::unique_ptr<ZlZomDaemonDirFile>> FileList;
@@ -124,8 +144,30 @@ private:
     void OpenNextFile();
     bool PathInList(const ZvAString& path) const;
     void ApplyKeepFirstSegment();
+    void MakeRoomFor(unsigned incoming);
     void WriteToFile(const unsigned char* data, unsigned size);
+    // Room on a full disk: deletes the oldest closed file, sparing the one being written and,
+    // with keep-first-segment, segment 000 of the current log. False when none is left.
+    bool DeleteOldestForSpace();
+    bool DeleteFileAt(size_t index);
+    void NoteBytesLost(unsigned long long bytes, int error);
     void NoteWriteResumed();
+    void NoteLossAtShutdown();
+    void WriteJournalLine(const ZvAString& message, bool sync);
+    bool WriteJournalRaw(const ZvAString& line);
+
+    // Sync thread.
+    static void SyncThreadFunc(ZvThread* thread, void* daemon);
+    void SyncThread();
+    void SyncPass();
+    void SyncCurrentFile();
+    void StartSyncThread();
+    void EndSyncThread();
+    // A closed segment goes to the sync thread, which syncs and closes it.
+    void QueueForSync(int fd, const ZvAString& path);
+    // Before a file is deleted: no descriptor of ours may keep its blocks in use.
+    void ForgetPendingSync(const ZvAString& path);
+    void NoteDirectoryChanged();
 
     // Socket side.
     void SendToClient(const unsigned char* data, unsigned size);
@@ -136,6 +178,8 @@ private:
     void CloseSockets();
     void OpenListeningSocket();
     void ConnectThread();
+    void NotePortOpenFailure(unsigned& failures, ZvAString& reported);
+    void NotePortOpenedAfterFailures(unsigned failures);
     void SocketThread();
     void ServeOneClient();
     // Waits on the connect semaphore up to ms; false on time-out.
@@ -158,10 +202,15 @@ private:
     unsigned m_segmentsInLog;
     int m_fileFd;
     std::mutex m_storeLock;
+    // Bytes of the current file that actually reached it (m_bytesInCurrentFile counts the stream
+    // bytes the segment stands for, lost ones included, so a loss never stretches a segment).
+    unsigned long long m_bytesOnDiskInCurrentFile = 0;
+    bool m_currentFileDirty = false;
 
     // Quiet journalling of repeated faults: one line when they start, a summary when they end.
     bool m_writeFailing;
     unsigned long long m_bytesNotWritten;
+    unsigned long long m_bytesLost = 0;
     bool m_openFailing;
     unsigned m_openFailures;
     bool m_deleteFailing;
@@ -169,6 +218,29 @@ private:
     // Journal.
     int m_journalFd;
     std::mutex m_journalLock;
+    // The journal's length: a line that fits only in part is cut off again.
+    long long m_journalSize = 0;
+    unsigned m_journalLinesLost = 0;
+
+    // The directory's lock file, and the directory itself for syncing its entries.
+    int m_lockFd = -1;
+    int m_dirFd = -1;
+
+    // Sync thread: closed segments waiting to be synced and closed, the ones being synced now.
+    struct PendingSync {
+        int fd;
+        ZvAString path;
+    };
+    std::mutex m_syncLock;
+    std::condition_variable m_syncDone;
+    std::deque<PendingSync> m_pendingSyncs;
+    std::vector<ZvAString> m_syncingPaths;
+    std::atomic<bool> m_directoryDirty{false};
+    ZvThread m_syncThread;
+    ZvSema m_syncSema;
+    std::atomic<bool> m_syncThreadEnd{false};
+    bool m_syncThreadRunning = false;
+    unsigned m_lastCurrentSyncTick = 0;
 
     // Port and threads.
     std::atomic<bool> m_portOpen;

@@ -27,7 +27,7 @@ void ZlZomDaemon::SocketThreadFunc(ZvThread*, void* daemon) {
 }
 
 void ZlZomDaemon::PortFailureDetected() {
-    LogText("Port Failure Detected.");
+    LogFault("Port Failure Detected.");
     m_connectSema.Post();
 }
 
@@ -52,25 +52,51 @@ void ZlZomDaemon::ConnectThread() {
         ClosePort();
         {
             std::lock_guard<std::mutex> lock(m_storeLock);
-            CloseCurrentFileLocked(m_bytesInCurrentFile);
+            CloseCurrentFileLocked(m_bytesOnDiskInCurrentFile);
         }
 
+        unsigned failures = 0;
+        ZvAString reported;
         while (!m_portOpen && !m_connectThreadEnd) {
             bool ok = OpenPort();
             if (ok)
                 ok = InitialiseTarget();
             m_portOpen = ok;
-            // A pause that an end request (or another connect request) cuts short; the request
-            // is this very retry, so taking its post loses nothing.
-            if (!ok)
+            if (!ok) {
+                NotePortOpenFailure(failures, reported);
+                // A pause that an end request (or another connect request) cuts short; the
+                // request is this very retry, so taking its post loses nothing.
                 WaitConnectRequest(kOpenRetryMs);
+            }
         }
         if (!m_portOpen)
             continue;
         LogText("ConnectThread: Port opened.");
+        if (failures != 0)
+            NotePortOpenedAfterFailures(failures);
         if (m_socketPort >= 0)
             OpenListeningSocket();
     }
+}
+
+void ZlZomDaemon::NotePortOpenFailure(unsigned& failures, ZvAString& reported) {
+    ++failures;
+    // Retried every second, for days if need be: the reason is told once, and again only when it
+    // changes (the modem appeared, but another program holds its port).
+    ZvAString reason = PortOpenFailure();
+    if (reason.empty())
+        reason = "The port could not be opened.";
+    if (failures != 1 && reason == reported)
+        return;
+    reported = reason;
+    LogFault("ConnectThread: %s Retrying every second.", reason.c_str());
+    ZvLog::Warning("%s Retrying every second.", reason.c_str());
+}
+
+void ZlZomDaemon::NotePortOpenedAfterFailures(unsigned failures) {
+    const ZvAString port = PortName();
+    LogText("ConnectThread: Port '%s' opened after %u failed attempts.", port.c_str(), failures);
+    ZvLog::Warning("The port '%s' opened after %u failed attempts.", port.c_str(), failures);
 }
 
 void ZlZomDaemon::OpenListeningSocket() {
@@ -226,15 +252,29 @@ void ZlZomDaemon::ShutdownStore(bool closePort) {
         ClosePort();
     {
         std::lock_guard<std::mutex> lock(m_storeLock);
-        CloseCurrentFileLocked(m_bytesInCurrentFile);
+        NoteLossAtShutdown();
+        CloseCurrentFileLocked(m_bytesOnDiskInCurrentFile);
         m_storeClosed = true;
         m_firstSegmentEntry = nullptr;
         m_files.clear();
     }
+    // The last segment, and the directory, reach the disk before the process ends.
+    EndSyncThread();
     LogText("Shut down");
-    std::lock_guard<std::mutex> lock(m_journalLock);
-    if (m_journalFd >= 0) {
-        close(m_journalFd);
-        m_journalFd = -1;
+    {
+        std::lock_guard<std::mutex> lock(m_journalLock);
+        if (m_journalFd >= 0) {
+            fdatasync(m_journalFd);
+            close(m_journalFd);
+            m_journalFd = -1;
+        }
+    }
+    if (m_dirFd >= 0) {
+        close(m_dirFd);
+        m_dirFd = -1;
+    }
+    if (m_lockFd >= 0) {
+        close(m_lockFd);
+        m_lockFd = -1;
     }
 }

@@ -119,8 +119,10 @@ TEST(DaemonStore, TheBudgetHoldsAfterEveryChunkAndKeepsTheStreamsTail) {
 }
 
 // A segment linked to /dev/full fails writes with ENOSPC; a directory in the way fails an open.
+// With -f segment 000 is never deleted to make room, so the full "disk" has nothing to give.
 TEST(DaemonStore, WriteAndOpenFailuresAreJournalledOnceAndTheStoreRecovers) {
     Store store;
+    store.daemon.SetKeepFirstSegment(true);
     ASSERT_TRUE(store.Start(0, 1000));
     store.Feed(MakeStream(1000), 1000);
     const std::string log = ZomFiles(store.dir).at(0).substr(0, 24);
@@ -129,6 +131,8 @@ TEST(DaemonStore, WriteAndOpenFailuresAreJournalledOnceAndTheStoreRecovers) {
     store.Feed(MakeStream(3000, 2), 500);
     EXPECT_EQ(JournalCount(store.dir, "NewLogData. Call to fwrite failed, return=0, errno=28"), 1);
     EXPECT_EQ(JournalCount(store.dir, "NewLogData. Log file failed to opened '"), 1);
+    EXPECT_EQ(zavra_test::FileSize(store.File(log + "_000.zom")), 1000);
+    EXPECT_EQ(JournalCount(store.dir, "Deleting old file"), 0);
 
     rmdir(store.File(log + "_002.zom").c_str());
     const std::string after = MakeStream(700, 3);
