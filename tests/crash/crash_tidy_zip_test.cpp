@@ -290,7 +290,9 @@ TEST_F(CrashTidy, DecodeZipLeavesOneZipPerCrash) {
         response.coreDumpRaw = c.raw;
         response.crashInfoFile = temp.File("crhAAAAAA").c_str();
         const std::string text =
-            CrashText("crash_dump_1.zip", {"bb_events.txt", "logging_kor0_chunk1.zol"});
+            // A section named like the retrieved crash log must not replace it.
+            CrashText("crash_dump_1.zip",
+                      {"bb_events.txt", "logging_kor0_chunk1.zol", "crashlog.txt"});
         ASSERT_TRUE(WriteFile(response.crashInfoFile, text));
 
         ZvAStringList files;
