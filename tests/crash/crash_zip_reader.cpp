@@ -8,9 +8,18 @@ namespace crash_test {
 
 namespace {
 
-// Runs a shell command and collects its standard output; true when it exited with 0.
-bool Run(const std::string& command, std::string& output) {
-    output.clear();
+std::string Quoted(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text)
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+// Runs python3 with `script` and `args`; its standard output, and true when it exited with 0.
+bool Python(const char* script, const std::vector<std::string>& args, std::string& output) {
+    std::string command = "python3 -c " + Quoted(script);
+    for (const std::string& arg : args)
+        command += " " + Quoted(arg);
     FILE* pipe = popen(command.c_str(), "r");
     if (pipe == nullptr)
         return false;
@@ -21,56 +30,37 @@ bool Run(const std::string& command, std::string& output) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-const char kReadScript[] = "import sys, zipfile\n"
-                           "z = zipfile.ZipFile(sys.argv[1])\n"
-                           "bad = z.testzip()\n"
-                           "if bad: sys.exit('bad CRC in ' + bad)\n"
-                           "for i in z.infolist():\n"
-                           "    print(i.filename, i.compress_type, z.read(i).hex(), sep='\\t')\n";
-
-const char kWriteScript[] = "import sys, zipfile\n"
-                            "z = zipfile.ZipFile(sys.argv[1], 'w', zipfile.ZIP_DEFLATED)\n"
-                            "a = sys.argv[2:]\n"
-                            "for name, source in zip(a[0::2], a[1::2]): z.write(source, name)\n"
-                            "z.close()\n";
-
-std::string Quoted(const std::string& text) {
-    std::string quoted = "'";
-    for (char c : text)
-        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
 } // namespace
 
-bool ReadZip(const std::string& path, ZipEntries& entries, std::string* error) {
-    entries.clear();
+bool ReadZip(const std::string& path, std::map<std::string, std::string>& entries) {
+    const char* script = "import sys, zipfile\n"
+                         "z = zipfile.ZipFile(sys.argv[1])\n"
+                         "if z.testzip(): sys.exit(1)\n"
+                         "for i in z.infolist(): print(i.filename, z.read(i).hex())\n";
     std::string output;
-    if (!Run("python3 -c " + Quoted(kReadScript) + " " + Quoted(path) + " 2>&1", output)) {
-        if (error != nullptr)
-            *error = output;
+    entries.clear();
+    if (!Python(script, {path}, output))
         return false;
-    }
-    size_t start = 0;
-    for (size_t end; (end = output.find('\n', start)) != std::string::npos; start = end + 1) {
-        const std::string line = output.substr(start, end - start);
-        const size_t tab1 = line.find('\t'), tab2 = line.find('\t', tab1 + 1);
-        ZipEntry& entry = entries[line.substr(0, tab1)];
-        entry.method = std::stoi(line.substr(tab1 + 1, tab2 - tab1 - 1));
-        const std::string hex = line.substr(tab2 + 1);
-        for (size_t i = 0; i + 1 < hex.size(); i += 2)
-            entry.data += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
+    for (size_t start = 0, end; (end = output.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        const size_t space = output.rfind(' ', end);
+        std::string& data = entries[output.substr(start, space - start)];
+        for (size_t i = space + 1; i + 1 < end; i += 2)
+            data += static_cast<char>(std::stoi(output.substr(i, 2), nullptr, 16));
     }
     return true;
 }
 
 bool WriteZip(const std::string& path,
               const std::vector<std::pair<std::string, std::string>>& nameAndSource) {
-    std::string command = "python3 -c " + Quoted(kWriteScript) + " " + Quoted(path);
+    const char* script = "import sys, zipfile\n"
+                         "z = zipfile.ZipFile(sys.argv[1], 'w', zipfile.ZIP_DEFLATED)\n"
+                         "for n, s in zip(sys.argv[2::2], sys.argv[3::2]): z.write(s, n)\n";
+    std::vector<std::string> args = {path};
     for (const auto& [name, source] : nameAndSource)
-        command += " " + Quoted(name) + " " + Quoted(source);
+        args.insert(args.end(), {name, source});
     std::string output;
-    return Run(command, output);
+    return Python(script, args, output);
 }
 
 const char* const kTargetZipBase64 =

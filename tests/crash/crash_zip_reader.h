@@ -1,30 +1,22 @@
-// Zips read and written by Python's zipfile, so that the project's zips are checked by a reader
-// that shares no code with the writer. Also a logger that keeps the warnings of a test.
+// Zips read and written by Python's zipfile, a reader that shares no code with the project's
+// writer; a logger that keeps a test's warnings; the target's own crash dump zip.
 #pragma once
 
 #include <map>
-#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "zv-log.h"
 
 namespace crash_test {
 
-struct ZipEntry {
-    int method = -1; // 0 stored, 8 deflated
-    std::string data;
-};
-using ZipEntries = std::map<std::string, ZipEntry>;
-
-// Reads every entry after zipfile's own check of the CRCs. False, with the reader's complaint in
-// `error`, when the file is no valid zip.
-bool ReadZip(const std::string& path, ZipEntries& entries, std::string* error = nullptr);
-// Writes a zip holding each name with the content of its file, deflated.
+// Name and content of every entry, after zipfile's own CRC check; false when no valid zip.
+bool ReadZip(const std::string& path, std::map<std::string, std::string>& entries);
+// A deflated zip holding each name with the content of its file.
 bool WriteZip(const std::string& path,
               const std::vector<std::pair<std::string, std::string>>& nameAndSource);
 
-// Keeps the messages logged while it is installed; removes itself when destroyed.
 class WarningLog : public ZvLog {
 public:
     WarningLog() { ZvLog::SetLogger(this); }
@@ -36,8 +28,8 @@ public:
     std::vector<std::string> messages;
 };
 
-// A crash dump zip as the target sends it, in base64 lines of 64 characters: "bb_events.txt"
-// (deflated) and "regs.bin" (stored, the bytes 0 to 255).
+// A crash dump zip as the target sends it, base64 in lines of 64 characters: "bb_events.txt"
+// holding kTargetEvents, and "regs.bin" (stored) holding the bytes 0 to 255.
 extern const char* const kTargetZipBase64;
 extern const char* const kTargetEvents;
 
