@@ -38,12 +38,6 @@ protected:
             names.push_back(list[i].substr(list[i].rfind('/') + 1));
         return names;
     }
-    // The target's crash dump zip, as decoded from its base64 text by coreutils.
-    void MakeTargetZip(const std::string& path) {
-        ASSERT_TRUE(WriteFile(path + ".b64", crash_test::kTargetZipBase64));
-        ASSERT_EQ(system(("base64 -d '" + path + ".b64' > '" + path + "'").c_str()), 0);
-        remove((path + ".b64").c_str());
-    }
     Entries Zip(const std::string& path) {
         Entries entries;
         EXPECT_TRUE(crash_test::ReadZip(path, entries)) << path;
@@ -99,7 +93,7 @@ TEST_F(CrashTidy, JoinFailuresNameChunkTwoAndTheTarget) {
 }
 
 TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
-    MakeTargetZip(P("crash_dump_1.zip"));
+    ASSERT_TRUE(crash_test::WriteTargetZip(P("crash_dump_1.zip")));
     const ZvAStringList decoded =
         Files({"crash_dump.zip", "bb_events.txt", "logging_kor1_chunk1.zol", "crash_dump_1.zip",
                "logging_kor1_chunk2.zol", "crash_dump-1.zip", "m.log", "m.log", "gone.txt"});

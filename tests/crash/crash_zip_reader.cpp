@@ -51,16 +51,12 @@ bool ReadZip(const std::string& path, std::map<std::string, std::string>& entrie
     return true;
 }
 
-bool WriteZip(const std::string& path,
-              const std::vector<std::pair<std::string, std::string>>& nameAndSource) {
-    const char* script = "import sys, zipfile\n"
-                         "z = zipfile.ZipFile(sys.argv[1], 'w', zipfile.ZIP_DEFLATED)\n"
-                         "for n, s in zip(sys.argv[2::2], sys.argv[3::2]): z.write(s, n)\n";
-    std::vector<std::string> args = {path};
-    for (const auto& [name, source] : nameAndSource)
-        args.insert(args.end(), {name, source});
-    std::string output;
-    return Python(script, args, output);
+bool WriteTargetZip(const std::string& path) {
+    FILE* pipe = popen(("base64 -d > " + Quoted(path)).c_str(), "w");
+    if (pipe == nullptr)
+        return false;
+    fputs(kTargetZipBase64, pipe);
+    return pclose(pipe) == 0;
 }
 
 const char* const kTargetZipBase64 =

@@ -1,10 +1,9 @@
-// Zips read and written by Python's zipfile, a reader that shares no code with the project's
-// writer; a logger that keeps a test's warnings; the target's own crash dump zip.
+// Zips read by Python's zipfile, a reader that shares no code with the project's writer; a
+// logger that keeps a test's warnings; the target's own crash dump zip.
 #pragma once
 
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "zv-log.h"
@@ -13,9 +12,8 @@ namespace crash_test {
 
 // Name and content of every entry, after zipfile's own CRC check; false when no valid zip.
 bool ReadZip(const std::string& path, std::map<std::string, std::string>& entries);
-// A deflated zip holding each name with the content of its file.
-bool WriteZip(const std::string& path,
-              const std::vector<std::pair<std::string, std::string>>& nameAndSource);
+// Writes the target's crash dump zip below to `path`, decoded from base64 by coreutils.
+bool WriteTargetZip(const std::string& path);
 
 class WarningLog : public ZvLog {
 public:
@@ -28,8 +26,9 @@ public:
     std::vector<std::string> messages;
 };
 
-// A crash dump zip as the target sends it, base64 in lines of 64 characters: "bb_events.txt"
-// holding kTargetEvents, and "regs.bin" (stored) holding the bytes 0 to 255.
+// A crash dump zip as the target sends it, made by Python's zipfile, base64 in lines of 64
+// characters: "bb_events.txt" holding kTargetEvents, and "regs.bin" (stored) holding the bytes 0
+// to 255.
 extern const char* const kTargetZipBase64;
 extern const char* const kTargetEvents;
 
