@@ -21,8 +21,8 @@ constexpr unsigned kSocketWaitMs = 30000;
 constexpr unsigned kCapabilityTries = 4;
 constexpr unsigned kCapabilityRetryMs = 200;
 constexpr unsigned kBulkChunkSize = 50000;
-// Crash information and crash logs of 200 bytes or fewer hold no crash, only the target's
-// "nothing here" reply.
+// A crash information reply or crash log of 200 bytes or fewer is too short to hold a crash
+// (a target with nothing to report still answers a line or two); such files are dropped.
 constexpr long long kMinUsefulSize = 200;
 
 const char kModeQuery[] = "at%mode?\r";
@@ -55,8 +55,8 @@ ZvInterfaceInfo* ChooseAtInterface(const ZvDeviceInfo& device) {
     return info;
 }
 
-// Reads chunks into the file until the target falls silent; the bytes written, or -1 when a read
-// failed (the bytes up to it are in the file).
+// Reads chunks into the file until the target falls silent or a read fails (readFailed); the
+// bytes written either way.
 long long CopyUntilSilent(ZvAtPort& port, ZvFile& file, std::vector<unsigned char>& buffer,
                           bool& readFailed) {
     long long written = 0;
@@ -362,8 +362,8 @@ void ZvAtCrash::ReadCrashLog(ZvAtPort& port, Response& response,
 
 void ZvAtCrash::ReportPortFailure(ZvAtPort& port, const char* text) {
     OnStatus(text);
-    // Only an empty port error is passed on; a detailed one stays with the port. Callers rely on
-    // this pairing of messages.
+    // The further status is sent only when the port has no message of its own (then an empty
+    // one); a port message stays in the port's error text. Observers see this pairing as is.
     if (port.errorText.empty())
         OnStatus(port.errorText.c_str());
 }
