@@ -1,5 +1,6 @@
 #include "zv-at-port-util.h"
 
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -21,6 +22,9 @@ constexpr unsigned kSocketWaitMs = 30000;
 constexpr unsigned kCapabilityTries = 4;
 constexpr unsigned kCapabilityRetryMs = 200;
 constexpr unsigned kBulkChunkSize = 50000;
+// A serial read brings about 4 KiB of a dump; the file takes them 64 KiB at a time, so the dump
+// costs far fewer writes than reads.
+constexpr size_t kDumpFileBufferSize = 64 * 1024;
 // A crash information reply or crash log of 200 bytes or fewer is too short to hold a crash
 // (a target with nothing to report still answers a line or two); such files are dropped.
 constexpr long long kMinUsefulSize = 200;
@@ -271,11 +275,14 @@ void ZvAtCrash::ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& 
         errorText = port.errorText;
         return;
     }
+    // Declared before the file, so that it outlives the stream that uses it.
+    std::vector<char> fileBuffer(kDumpFileBufferSize);
     ZvFile file;
     if (!file.Open(response.coreDumpFile.c_str(), "wb")) {
         errorText.Printf("Failed to open '%s'", response.coreDumpFile.c_str());
         return;
     }
+    setvbuf(file.GetHandle(), fileBuffer.data(), _IOFBF, fileBuffer.size());
     ZvAtCoreDumpReader reader(file);
     ZvAString status;
     while (reader.GetState() != ZvAtCoreDumpReader::State::Ended) {
