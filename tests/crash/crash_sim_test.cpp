@@ -3,6 +3,10 @@
 // commands the modem received.
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -251,6 +255,14 @@ TEST_F(SimCrash, APortThatNeverComesBackLeavesItsOpenError) {
     Start(CrashFault::NeverComesBack);
     modem().Crash();
     ASSERT_TRUE(modem().WaitForCrashed(10000));
+    // The port number the modem gave up is held, bound but not listening, for the 30 s wait:
+    // otherwise another program's listener may be handed it and answer in the modem's place.
+    const int holder = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{AF_INET,
+                        htons(static_cast<uint16_t>(modem().AtSocketPort())),
+                        {htonl(INADDR_LOOPBACK)},
+                        {}};
+    ASSERT_EQ(0, bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address));
     EXPECT_FALSE(crash.CheckForCrashSocket(modem().AtSocketPort(), "127.0.0.1", response));
     EXPECT_EQ("Failed to open socket AT port.", crash.errorText);
     EXPECT_EQ((Strings{"Possible target crash.",
@@ -260,4 +272,5 @@ TEST_F(SimCrash, APortThatNeverComesBackLeavesItsOpenError) {
     EXPECT_EQ("", Kept(response));
     EXPECT_FALSE(crash.GetCrash(modem().AtPortPath().c_str(), response));
     EXPECT_EQ("Failed to open AT port (2).", crash.errorText);
+    close(holder);
 }
