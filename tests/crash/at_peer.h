@@ -17,6 +17,25 @@
 
 enum class Transport { Pty, Tcp };
 
+// A loopback port that refuses connections for as long as the object lives: bound, never
+// listening, so no other program can take the number meanwhile.
+class RefusingPort {
+public:
+    RefusingPort() {
+        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t length = sizeof address;
+        EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr*>(&address), length));
+        EXPECT_EQ(0, getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length));
+        m_port = ntohs(address.sin_port);
+    }
+    ~RefusingPort() { close(m_fd); }
+    int Port() const { return m_port; }
+
+private:
+    int m_fd = socket(AF_INET, SOCK_STREAM, 0);
+    int m_port = 0;
+};
+
 class AtPeer {
 public:
     AtPeer(Transport transport, unsigned timeoutMs) : m_tcp(transport == Transport::Tcp) {

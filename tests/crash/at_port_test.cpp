@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "at_peer.h"
-#include "zavra_test_net.h"
 #include "zv-time.h"
 
 namespace {
@@ -119,8 +118,9 @@ TEST(AtPort, SilentAndVanishedPeers) {
 TEST(AtPort, OpenFailuresNameTheirCauseAndASecondOpenReopens) {
     ZvAtPortSerial noName("", 300), missing("/dev/zavra-no-such-tty", 300),
         notTty("/dev/null", 300);
+    RefusingPort refusing;
     ZvAtPortSocket noAddress(nullptr, 5000, 500), noPort("127.0.0.1", 0, 500),
-        refused("127.0.0.1", zavra_test::FreeTcpPort(), 500);
+        refused("127.0.0.1", refusing.Port(), 500);
     const std::pair<ZvAtPort*, const char*> cases[] = {
         {&noName, "Serial port name not configured."},
         {&missing, "Failed to open AT port (2)."},

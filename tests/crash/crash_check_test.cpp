@@ -6,9 +6,9 @@
 #include <functional>
 #include <thread>
 
+#include "at_peer.h"
 #include "crash_recorder.h"
 #include "zavra_test_files.h"
-#include "zavra_test_net.h"
 #include "zv-at-core-dump.h"
 #include "zv-device-detect.h"
 #include "zv-file.h"
@@ -28,8 +28,7 @@ struct Wait {
     const char* waitStatus;
 };
 
-std::vector<Wait> Waits() {
-    const int refused = zavra_test::FreeTcpPort();
+std::vector<Wait> Waits(int refused) {
     return {
         {"serial",
          [](ZvAtCrash& crash, ZvAtCrash::Response& response) {
@@ -67,7 +66,8 @@ private:
 } // namespace
 
 TEST_F(CrashWait, ASignalDrivenStopEndsTheWaitWithinOneAttempt) {
-    for (const Wait& wait : Waits()) {
+    RefusingPort refusing;
+    for (const Wait& wait : Waits(refusing.Port())) {
         SCOPED_TRACE(wait.name);
         g_stopRequested = 0;
         RecordingCrash crash;
@@ -95,7 +95,8 @@ TEST_F(CrashWait, ASignalDrivenStopEndsTheWaitWithinOneAttempt) {
 }
 
 TEST_F(CrashWait, AStopAlreadyRequestedReportsNothing) {
-    for (const Wait& wait : Waits()) {
+    RefusingPort refusing;
+    for (const Wait& wait : Waits(refusing.Port())) {
         SCOPED_TRACE(wait.name);
         g_stopRequested = 1;
         RecordingCrash crash;
