@@ -4,7 +4,10 @@
 // log into temporary files, then puts the target back into modem mode and resets it.
 #pragma once
 
+#include <vector>
+
 #include "zv-string-ascii.h"
+#include "zv-string-list-ascii.h"
 
 class ZvAtPort;
 class ZvDeviceDetect;
@@ -36,6 +39,21 @@ public:
 
     ZvAString errorText;
     bool retrieveHistory = false;
+
+private:
+    // The end of both waits: cancelled, no port, or the retrieval on the open port.
+    bool FinishCheck(ZvAtPort& port, bool stopped, Response& response);
+    // The capability query: true when a full core dump is to be asked for.
+    bool QueryFullDump(ZvAtPort& port);
+    void ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& infoCommands,
+                      std::vector<unsigned char>& buffer, bool& reset);
+    void ReadCrashInfo(ZvAtPort& port, Response& response, const ZvAStringList& infoCommands,
+                       std::vector<unsigned char>& buffer);
+    void ReadCrashLog(ZvAtPort& port, Response& response, std::vector<unsigned char>& buffer);
+    // Reports a failed step and, when the port has no message of its own, that empty message.
+    void ReportPortFailure(ZvAtPort& port, const char* text);
+    // Deletes an empty file and forgets a missing or empty one; a kept one may mark the crash.
+    static void KeepIfNotEmpty(ZvAString& path, bool* crashFound);
 };
 
 bool ZvAtIsModemInLoaderMode(const char* portName);

@@ -1,0 +1,155 @@
+// The AT dialogue rules over both transports: replies are literal bytes the test writes into a
+// real pty or a real loopback TCP connection.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "at_peer.h"
+#include "zv-time.h"
+
+namespace {
+
+const Transport kTransports[] = {Transport::Pty, Transport::Tcp};
+
+std::vector<std::string> Lines(const ZvAStringList& list) {
+    std::vector<std::string> out;
+    for (unsigned i = 0; i < list.Count(); ++i)
+        out.push_back(list[i]);
+    return out;
+}
+
+} // namespace
+
+TEST(AtPort, RepliesAreCutIntoLinesAndJudgedByAWholeOkLine) {
+    using namespace std::string_literals;
+    const struct {
+        std::string reply;
+        std::vector<std::string> lines;
+        bool ok;
+    } cases[] = {
+        {"\r\nOK\r\n", {"", "OK"}, true},
+        {"OK", {"OK"}, true},
+        {"\r\n%MODE: 1\r\n\r\nOK\r\n", {"", "%MODE: 1", "", "OK"}, true},
+        {" OK\r\n", {" OK"}, false},
+        {"OK \r\n", {"OK "}, false},
+        {"ok\r\nOKAY\r\n", {"ok", "OKAY"}, false},
+        {"\r\nERROR\r\n", {"", "ERROR"}, false},
+        {"A\n\rB", {"A", "", "B"}, false},              // LF CR ends two lines
+        {"A\rB\nC\r\nOK", {"A", "B", "C", "OK"}, true}, // CR, LF and CR LF end one each
+        {"\r\n\r\n\r\n", {"", "", ""}, false},
+        {"AB\0CD\r\nOK\r\n"s, {"AB"}, false}, // a NUL cuts off the rest of its chunk
+    };
+    for (Transport transport : kTransports) {
+        AtPeer peer(transport, 200);
+        SCOPED_TRACE(peer.Name());
+        ASSERT_TRUE(peer.Connect());
+        for (const auto& c : cases) {
+            SCOPED_TRACE(testing::PrintToString(c.reply));
+            peer.Send(c.reply);
+            ZvAStringList lines;
+            EXPECT_TRUE(peer.Port().SendAtCommand("at%mode?\r", lines));
+            EXPECT_EQ(c.lines, Lines(lines));
+            EXPECT_EQ(c.ok, ZvAtPort::IsAtResponseOk(lines));
+            EXPECT_EQ("", peer.Port().errorText);
+            EXPECT_EQ("at%mode?\r", peer.Received(9));
+        }
+        peer.Send("\r\nERROR\r\n");
+        EXPECT_FALSE(peer.Port().SendAtCommandOk("at%zreset\r"));
+        EXPECT_EQ("AT command failed.", peer.Port().errorText);
+        EXPECT_EQ("at%zreset\r", peer.Received(10));
+    }
+}
+
+TEST(AtPort, SilentAndVanishedPeers) {
+    // Over TCP the bytes sent before a close are still read and the close is a read failure. A
+    // pty's hang-up discards the unread bytes and reads then return nothing at once, which the
+    // serial transport cannot tell from silence.
+    const struct {
+        Transport transport;
+        bool gotReply;
+        std::vector<std::string> lines;
+        const char* readError;
+        const char* writeError;
+    } cases[] = {
+        {Transport::Tcp,
+         true,
+         {"", "OK", "PAR"},
+         "Failed to read from AT port.",
+         "Failed to write to AT port."},
+        {Transport::Pty,
+         false,
+         {},
+         "No response received on AT port.",
+         "Failed to write to AT port (error = 5)."}, // EIO
+    };
+    for (const auto& c : cases) {
+        AtPeer peer(c.transport, 1500);
+        SCOPED_TRACE(peer.Name());
+        ASSERT_TRUE(peer.Connect());
+        // Nothing at all: the reply is empty after one time-out of silence.
+        ZvAStringList lines;
+        unsigned start = ZvTime::GetMsTickTime();
+        EXPECT_FALSE(peer.Port().SendAtCommand("at\r", lines));
+        EXPECT_GE(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1400u);
+        EXPECT_EQ("No response received on AT port.", peer.Port().errorText);
+
+        peer.Send("\r\nOK\r\nPAR");
+        peer.HangUp();
+        start = ZvTime::GetMsTickTime();
+        EXPECT_EQ(c.gotReply, peer.Port().GetResponse(lines));
+        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u) << "not waited for";
+        EXPECT_EQ(c.lines, Lines(lines));
+        EXPECT_EQ(c.readError, peer.Port().errorText);
+
+        // Writes to the vanished peer fail (a socket may take a few before it notices) and never
+        // raise SIGPIPE; the reply-reading form gives the plain message and empties the lines.
+        bool written = true;
+        for (int i = 0; i < 100 && written; ++i)
+            written = peer.Port().SendAtCommand("at%mode?\r");
+        EXPECT_FALSE(written);
+        EXPECT_EQ(c.writeError, peer.Port().errorText);
+        lines.Add("stale");
+        EXPECT_FALSE(peer.Port().SendAtCommand("at%mode?\r", lines));
+        EXPECT_EQ("Failed to write to AT port.", peer.Port().errorText);
+        EXPECT_TRUE(lines.Empty());
+    }
+}
+
+TEST(AtPort, OpenFailuresNameTheirCauseAndASecondOpenReopens) {
+    ZvAtPortSerial noName("", 300), missing("/dev/zavra-no-such-tty", 300),
+        notTty("/dev/null", 300);
+    RefusingPort refusing;
+    ZvAtPortSocket noAddress(nullptr, 5000, 500), noPort("127.0.0.1", 0, 500),
+        refused("127.0.0.1", refusing.Port(), 500);
+    const std::pair<ZvAtPort*, const char*> cases[] = {
+        {&noName, "Serial port name not configured."},
+        {&missing, "Failed to open AT port (2)."},
+        {&notTty, "Failed to open AT port (25)."}, // ENOTTY
+        {&noAddress, "Socket AT port name not configured."},
+        {&noPort, "Socket AT port name not configured."},
+        {&refused, "Failed to open socket AT port."},
+    };
+    for (const auto& [port, error] : cases) {
+        EXPECT_FALSE(port->Open());
+        EXPECT_EQ(error, port->errorText);
+    }
+
+    for (Transport transport : kTransports) {
+        AtPeer peer(transport, 200);
+        SCOPED_TRACE(peer.Name());
+        ASSERT_TRUE(peer.Connect());
+        const int first = dup(peer.Fd());
+        ZvAStringList lines;
+        EXPECT_FALSE(peer.Port().GetResponse(lines));
+        ASSERT_TRUE(peer.Connect());
+        EXPECT_EQ("", peer.Port().errorText);
+        if (transport == Transport::Tcp) {
+            char byte;
+            EXPECT_EQ(0, read(first, &byte, 1)) << "the first connection was closed";
+        }
+        close(first);
+        peer.Send("\r\nOK\r\n");
+        EXPECT_TRUE(peer.Port().SendAtCommandOk("at\r"));
+        EXPECT_EQ("at\r", peer.Received(3));
+    }
+}
