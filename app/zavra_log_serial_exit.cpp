@@ -7,6 +7,7 @@
 #include <cstdlib>
 
 #include "zavra_log_serial_app.h"
+#include "zavra_log_serial_crash.h"
 #include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
 #include "zv-thread.h"
@@ -49,6 +50,8 @@ void Zlbs::OnExit(int code) {
     }
     exitCode = code;
     scriptReader.Close();
+    // A crash check still running loses its half-retrieved files, but leaves none behind.
+    ZlbsCrashWorkDirRemove();
 
     if (serial.IsOpen()) {
         if (!ZlbsTgtDbActive(*this)) {
