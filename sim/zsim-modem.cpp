@@ -1,5 +1,7 @@
 #include "zsim-modem.h"
 
+#include "zsim-at-server.h"
+#include "zsim-crash-data.h"
 #include "zsim-db-server.h"
 #include "zsim-generator.h"
 #include "zsim-transcript.h"
@@ -101,6 +103,11 @@ struct Modem::Impl {
     double tokens = 0;
     Clock::time_point lastRefill;
     bool generatorEnabled = true;
+    std::unique_ptr<AtServer> at;
+    bool crashRequested = false;
+    bool crashBytesFired = false;
+    bool crashMsFired = false;
+    bool atReturnAfterHangUp = false;
 
     void Wake() const {
         uint64_t one = 1;
@@ -117,6 +124,10 @@ struct Modem::Impl {
     bool NextChunk(Clock::time_point now, int& timeout);
     bool WriteOut(Clock::time_point now, int& timeout);
     void Account(size_t count);
+    void FireCrash(Clock::time_point now);
+    bool CrashBytesDue(size_t& want);
+    void ReturnAtPort();
+    void OnAtBack();
     void ReadHost();
     void TakeRecord(WireRecord& wire, Clock::time_point now);
     bool StreamLimitReached() const {
@@ -179,6 +190,19 @@ void Modem::Impl::Step(Clock::time_point now, int& timeout, bool& wantWrite) {
         hangUpRequested = false;
         if (state == State::Up) {
             BeginDrain(now, requestedDownMs, requestedComeBack);
+        }
+    }
+    if (crashRequested) {
+        crashRequested = false;
+        FireCrash(now);
+    }
+    if (opt.crash.afterMs && !crashMsFired) {
+        auto due = startTime + std::chrono::milliseconds(opt.crash.afterMs);
+        if (now >= due) {
+            crashMsFired = true;
+            FireCrash(now);
+        } else {
+            timeout = std::min(timeout, MsUntil(now, due));
         }
     }
     if (state == State::Up) {
@@ -247,6 +271,73 @@ void Modem::Impl::FinishHangUp(Clock::time_point now) {
     }
     state = State::Down;
     comeBackAt = now + std::chrono::milliseconds(downMs);
+    if (atReturnAfterHangUp) {
+        atReturnAfterHangUp = false;
+        ReturnAtPort();
+    }
+}
+
+void Modem::Impl::FireCrash(Clock::time_point now) {
+    if (counters.crashed) {
+        return;
+    }
+    counters.crashed = true;
+    ++counters.crashes;
+    if (at) {
+        at->GoAway();
+    }
+    // The logging port goes down and stays down until the host resets the modem; the AT port
+    // comes back in the loader once the logging port has hung up.
+    if (state == State::Up) {
+        BeginDrain(now, 0, false);
+        atReturnAfterHangUp = true;
+    } else if (state == State::Draining) {
+        comeBack = false;
+        atReturnAfterHangUp = true;
+    } else if (state == State::Down) {
+        comeBack = false;
+        ReturnAtPort();
+    }
+}
+
+// Limits `want` to the stream bytes left before the crash; true when the crash is due now.
+bool Modem::Impl::CrashBytesDue(size_t& want) {
+    if (!opt.crash.afterBytes || crashBytesFired || !current.stream) {
+        return false;
+    }
+    uint64_t left = opt.crash.afterBytes - std::min(counters.streamBytes, opt.crash.afterBytes);
+    if (left == 0) {
+        crashBytesFired = true;
+        return true;
+    }
+    want = static_cast<size_t>(std::min<uint64_t>(want, left));
+    return false;
+}
+
+void Modem::Impl::ReturnAtPort() {
+    if (at && at->Fault() != CrashFault::NeverComesBack) {
+        at->ReturnInLoader(opt.crash.restartMs);
+    }
+}
+
+// The AT port went back to modem mode (a reset): the logging port returns as a new connection.
+void Modem::Impl::OnAtBack() {
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        if (!counters.crashed) {
+            return;
+        }
+        counters.crashed = false;
+        if (state == State::Down && !stopping) {
+            comeBack = true;
+            comeBackAt = Clock::now() + std::chrono::milliseconds(opt.crash.resetDownMs);
+        } else if (state == State::Draining) {
+            comeBack = true;
+            downMs = opt.crash.resetDownMs;
+        }
+    }
+    changed.notify_all();
+    Wake();
 }
 
 bool Modem::Impl::BringUp(Clock::time_point now, std::string* error) {
@@ -322,6 +413,10 @@ bool Modem::Impl::WriteOut(Clock::time_point now, int& timeout) {
             }
             want = std::min<size_t>(want, static_cast<size_t>(tokens));
         }
+        if (CrashBytesDue(want)) {
+            FireCrash(now);
+            return false;
+        }
         if (opt.fail.afterBytes && !failBytesFired) {
             uint64_t left = opt.fail.afterBytes - std::min(sentThisPort, opt.fail.afterBytes);
             if (left == 0) {
@@ -347,6 +442,11 @@ bool Modem::Impl::WriteOut(Clock::time_point now, int& timeout) {
     }
     if (StreamLimitReached()) {
         counters.generatorDone = true;
+    }
+    if (opt.crash.afterBytes && !crashBytesFired && counters.streamBytes >= opt.crash.afterBytes &&
+        state == State::Up) {
+        crashBytesFired = true;
+        FireCrash(now);
     }
     if (opt.fail.afterBytes && !failBytesFired && sentThisPort >= opt.fail.afterBytes &&
         state == State::Up) {
@@ -465,7 +565,20 @@ bool Modem::Start(const ModemOptions& options) {
     if (error_.empty() && !d.BringUp(d.startTime, &error_)) {
         error_ = "Failed to create the logging port: " + error_;
     }
+    if (error_.empty() && (options.crash.atPort || options.crash.atSocket)) {
+        AtServer::Setup setup;
+        setup.crash = options.crash;
+        setup.linkPath = options.dir + "/" + options.crash.atPortName;
+        setup.transcript = d.transcript;
+        setup.startTime = d.startTime;
+        setup.onBack = [&d] { d.OnAtBack(); };
+        d.at.reset(new AtServer);
+        if (!d.at->Start(setup, error_)) {
+            d.at.reset();
+        }
+    }
     if (!error_.empty()) {
+        d.port.Close();
         CloseOutput(d.tee);
         CloseOutput(d.rxFile);
         CloseOutput(d.transcript);
@@ -483,6 +596,9 @@ void Modem::Stop() {
     Impl& d = *impl_;
     if (!d.worker.joinable()) {
         return;
+    }
+    if (d.at) {
+        d.at->Stop(); // before the transcript it writes to is closed
     }
     {
         std::lock_guard<std::mutex> lock(d.mutex);
@@ -570,6 +686,61 @@ void Modem::SetDbFault(DbFault fault) {
     if (impl_->db) {
         impl_->db->SetFault(fault);
     }
+}
+
+void Modem::Crash() {
+    {
+        std::lock_guard<std::mutex> lock(impl_->mutex);
+        impl_->crashRequested = true;
+    }
+    impl_->Wake();
+}
+
+void Modem::SetCrashFault(CrashFault fault) {
+    if (impl_->at) {
+        impl_->at->SetFault(fault);
+    }
+}
+
+std::string Modem::AtPortPath() const {
+    const ModemOptions& opt = impl_->opt;
+    return opt.crash.atPort ? opt.dir + "/" + opt.crash.atPortName : std::string();
+}
+
+int Modem::AtSocketPort() const {
+    return impl_->at ? impl_->at->SocketPort() : 0;
+}
+
+std::vector<std::string> Modem::AtCommands() const {
+    return impl_->at ? impl_->at->Commands() : std::vector<std::string>();
+}
+
+bool Modem::WaitForAtCommand(const std::string& command, unsigned timeoutMs, size_t count) const {
+    return impl_->at && impl_->at->WaitForCommand(command, count, timeoutMs);
+}
+
+bool Modem::WaitForAtMode(unsigned mode, unsigned timeoutMs) const {
+    return impl_->at && impl_->at->WaitForMode(
+                            mode == 0 ? AtServer::Mode::Modem : AtServer::Mode::Loader, timeoutMs);
+}
+
+bool Modem::WaitForCrashed(unsigned timeoutMs) const {
+    return impl_->WaitFor(timeoutMs, [&] { return impl_->counters.crashes >= 1; });
+}
+
+Bytes Modem::CoreDumpImage() const {
+    const CrashOptions& crash = impl_->opt.crash;
+    Bytes image(static_cast<size_t>(crash.coreDumpSize));
+    FillCoreDump(crash.coreDumpSeed, crash.coreDumpSize, 0, image.data(), image.size());
+    return image;
+}
+
+Bytes Modem::CrashInfoText() const {
+    return impl_->at ? impl_->at->CrashInfoText() : Bytes();
+}
+
+Bytes Modem::CrashLogText() const {
+    return impl_->at ? impl_->at->CrashLogText() : Bytes();
 }
 
 void Modem::FlushFiles() {

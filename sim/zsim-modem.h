@@ -129,6 +129,8 @@ struct ModemCounters {
     bool channelOpen = false;
     bool generatorDone = false; // stopAfterBytes reached or play file finished
     unsigned hashRequests = 0, dataRequests = 0;
+    unsigned crashes = 0; // crashes since Start
+    bool crashed = false; // crashed and not yet set back to modem mode by the host
 };
 
 class Modem {
@@ -162,15 +164,21 @@ public:
     void SetGeneratorEnabled(bool enabled);
     void SetRate(uint64_t bytesPerSecond);
     void SetDbFault(DbFault fault);
-    // Crashes now (see zsim-crash.h); needs crash.atPort. Returns at once.
+    // Crashes now (see zsim-crash.h); needs crash.atPort or crash.atSocket for the dialogue.
+    // Returns at once; ignored while the modem is still crashed.
     void Crash();
     void SetCrashFault(CrashFault fault);
-    std::string AtPortPath() const; // the AT port's stable link path
+    std::string AtPortPath() const; // the AT port's stable link path, empty without crash.atPort
     int AtSocketPort() const;       // the loopback TCP AT port, 0 when there is none
     // Every AT command received (serial and TCP), in order, each with its terminating "\r".
     std::vector<std::string> AtCommands() const;
-    bool WaitForAtCommand(const std::string& command, unsigned timeoutMs) const;
-    bool WaitForCrashed(unsigned timeoutMs) const; // the crash has happened
+    // The command has been received `count` times (exact bytes, "\r" included).
+    bool WaitForAtCommand(const std::string& command, unsigned timeoutMs, size_t count = 1) const;
+    // The AT port is up and in modem mode (0) or in the loader (1).
+    bool WaitForAtMode(unsigned mode, unsigned timeoutMs) const;
+    // A crash has happened since Start (the logging port began its hang-up); for a later crash
+    // wait for Counters().crashes instead.
+    bool WaitForCrashed(unsigned timeoutMs) const;
     // What the modem serves for the current options: the external RAM image (exactly
     // coreDumpSize bytes), the crash information text and the crash log, byte for byte.
     Bytes CoreDumpImage() const;

@@ -28,4 +28,28 @@ void WriteTranscriptLine(FILE* file, const HostRecord& record) {
     std::fwrite(line.data(), 1, line.size(), file);
 }
 
+std::string AtTranscriptLine(double ms, const char* via, const std::string& command) {
+    char head[96];
+    std::snprintf(head, sizeof head, "{\"ms\":%.3f,\"via\":\"%s\",\"at\":\"", ms, via);
+    std::string line(head);
+    for (unsigned char c : command) {
+        if (c == '"' || c == '\\') {
+            line += '\\';
+            line += static_cast<char>(c);
+        } else if (c == '\r') {
+            line += "\\r";
+        } else if (c == '\n') {
+            line += "\\n";
+        } else if (c < 0x20 || c >= 0x7f) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+            line += escaped;
+        } else {
+            line += static_cast<char>(c);
+        }
+    }
+    line += "\"}\n";
+    return line;
+}
+
 } // namespace zsim

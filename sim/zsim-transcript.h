@@ -12,4 +12,8 @@ namespace zsim {
 std::string TranscriptLine(const HostRecord& record);
 void WriteTranscriptLine(FILE* file, const HostRecord& record);
 
+// An AT command, as received on the pty or the TCP AT port:
+// {"ms":812.004,"via":"pty","at":"at%mode?\r"}
+std::string AtTranscriptLine(double ms, const char* via, const std::string& command);
+
 } // namespace zsim

@@ -14,11 +14,25 @@
 
 namespace {
 
+// Long options without a letter.
+enum {
+    kAtPort = 256,
+    kAtSocket,
+    kCrashAfterBytes,
+    kCrashAfterMs,
+    kCrashRestartMs,
+    kCoreDumpSize,
+    kCrashInfo,
+    kCrashFault,
+};
+
 const char kUsage[] =
     "Usage: zavra_modem_sim [options]\n"
     "A simulated modem: a pseudo-terminal that answers like the target's logging port.\n"
-    "Prints the port's path on standard output, then a progress line on standard error.\n"
-    "SIGINT or SIGTERM end it cleanly; SIGUSR1 makes the port fail and come back.\n"
+    "Prints the port's path on standard output, then the AT port's path (with --at-port), then\n"
+    "the TCP AT port's number (with --at-socket), one a line; then a progress line on standard\n"
+    "error. SIGINT or SIGTERM end it cleanly; SIGUSR1 makes the port fail and come back;\n"
+    "SIGUSR2 crashes the modem.\n"
     "\n"
     "Port:\n"
     "  -d, --dir DIR            directory for the port link (default: a new temporary one)\n"
@@ -45,6 +59,17 @@ const char kUsage[] =
     "  -b, --fail-after-bytes N fail once this many bytes went out on the port\n"
     "  -m, --fail-after-ms N    fail this long after the port came up\n"
     "  -D, --down-ms N          how long the port stays away (default 300)\n"
+    "Crash (the logging port hangs up; the AT port comes back in the loader with the crash data):\n"
+    "      --at-port            an AT port pty beside the logging port (link name modem-at)\n"
+    "      --at-socket          also an AT port on 127.0.0.1 (a free port number, printed)\n"
+    "      --crash-after-bytes N  crash once this many stream bytes went out\n"
+    "      --crash-after-ms N   crash this long after the start\n"
+    "      --crash-restart-ms N how long the AT port is away after the crash (default 500)\n"
+    "      --core-dump-size N   bytes of the external RAM image (default 1M)\n"
+    "      --crash-info FILE    serve this file as the crash information (default: built in)\n"
+    "      --crash-fault NAME   none, no-full-dump, dump-error, no-dump-available,\n"
+    "                           split-header, extra-after-header, silent-mid-dump,\n"
+    "                           never-comes-back, info-200, info-201, modem-mode\n"
     "Records kept:\n"
     "  -t, --tee FILE           every byte sent to the host, in order\n"
     "  -R, --rx FILE            every byte received from the host, in order\n"
@@ -151,6 +176,14 @@ int main(int argc, char** argv) {
         {"transcript", required_argument, nullptr, 'j'},
         {"quiet", no_argument, nullptr, 'q'},
         {"help", no_argument, nullptr, 'h'},
+        {"at-port", no_argument, nullptr, kAtPort},
+        {"at-socket", no_argument, nullptr, kAtSocket},
+        {"crash-after-bytes", required_argument, nullptr, kCrashAfterBytes},
+        {"crash-after-ms", required_argument, nullptr, kCrashAfterMs},
+        {"crash-restart-ms", required_argument, nullptr, kCrashRestartMs},
+        {"core-dump-size", required_argument, nullptr, kCoreDumpSize},
+        {"crash-info", required_argument, nullptr, kCrashInfo},
+        {"crash-fault", required_argument, nullptr, kCrashFault},
         {nullptr, 0, nullptr, 0},
     };
     zsim::ModemOptions options;
@@ -159,7 +192,9 @@ int main(int argc, char** argv) {
     while ((opt = getopt_long(argc, argv, "d:n:c:r:s:N:l:K:M:g:T:p:oz:k:L:F:b:m:D:t:R:j:qh",
                               kOptions, nullptr)) != -1) {
         unsigned long long number = 0;
-        bool numeric = std::strchr("crsNMgTkbmD", opt) != nullptr;
+        bool numeric = (opt < 256 && std::strchr("crsNMgTkbmD", opt) != nullptr) ||
+                       opt == kCrashAfterBytes || opt == kCrashAfterMs || opt == kCrashRestartMs ||
+                       opt == kCoreDumpSize;
         if (numeric && !ParseNumber(optarg, number)) {
             return Fail("Invalid number '%s'.", optarg);
         }
@@ -254,6 +289,32 @@ int main(int argc, char** argv) {
         case 'h':
             std::fputs(kUsage, stdout);
             return 0;
+        case kAtPort:
+            options.crash.atPort = true;
+            break;
+        case kAtSocket:
+            options.crash.atSocket = true;
+            break;
+        case kCrashAfterBytes:
+            options.crash.afterBytes = number;
+            break;
+        case kCrashAfterMs:
+            options.crash.afterMs = small;
+            break;
+        case kCrashRestartMs:
+            options.crash.restartMs = small;
+            break;
+        case kCoreDumpSize:
+            options.crash.coreDumpSize = number;
+            break;
+        case kCrashInfo:
+            options.crash.crashInfoFile = optarg;
+            break;
+        case kCrashFault:
+            if (!zsim::CrashFaultFromName(optarg, options.crash.fault)) {
+                return Fail("Unknown crash fault '%s'.", optarg);
+            }
+            break;
         default:
             std::fputs(kUsage, stderr);
             return 1;
@@ -278,6 +339,7 @@ int main(int argc, char** argv) {
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGUSR1);
+    sigaddset(&signals, SIGUSR2);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
     zsim::Modem modem;
@@ -285,6 +347,12 @@ int main(int argc, char** argv) {
         return Fail("%s", modem.Error().c_str());
     }
     std::printf("%s\n", modem.PortPath().c_str());
+    if (options.crash.atPort) {
+        std::printf("%s\n", modem.AtPortPath().c_str());
+    }
+    if (options.crash.atSocket) {
+        std::printf("%d\n", modem.AtSocketPort());
+    }
     std::fflush(stdout);
 
     int signalFd = signalfd(-1, &signals, SFD_CLOEXEC);
@@ -304,6 +372,8 @@ int main(int argc, char** argv) {
         }
         if (sig == SIGUSR1) {
             modem.HangUp(options.fail.downMs);
+        } else if (sig == SIGUSR2) {
+            modem.Crash();
         }
         modem.FlushFiles();
         if (!quiet) {
