@@ -4,14 +4,17 @@
 // back with Python's zipfile.
 #include <dirent.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <cstring>
 #include <map>
 #include <set>
 
 #include "app_test_tool.h"
+#include "zavra_test_net.h"
 #include "zavra_test_udev.h"
 
 namespace apptest {
@@ -109,14 +112,19 @@ struct CrashRun {
         bench.options.crash.coreDumpSize = 300000; // several reads of the tool's 50000 bytes
         bench.options.crash.restartMs = 300;
     }
-    void Start(std::vector<std::string> args) {
+    // Runs the tool with -d<port> and `args`, in the directory `cwd` when one is given.
+    void Start(std::vector<std::string> args, const std::string& cwd = "") {
         bench.StartModem();
         const std::string description = bench.dir.File("modem.umockdev");
         ASSERT_TRUE(zavra_test::WriteUsbModem(description,
                                               {bench.modem.AtPortPath(), bench.modem.PortPath()}));
+        std::string program = ZAVRA_LOG_SERIAL_PATH;
         args.insert(args.begin(), "-d" + bench.Port());
-        ASSERT_TRUE(zavra_test::StartInTestbed(tool, description, ZAVRA_LOG_SERIAL_PATH, args))
-            << tool.Error();
+        if (!cwd.empty()) {
+            args.insert(args.begin(), {"-c", "cd \"$0\" && exec \"$@\"", cwd, program});
+            program = "/bin/sh";
+        }
+        ASSERT_TRUE(zavra_test::StartInTestbed(tool, description, program, args)) << tool.Error();
     }
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
     // Waits until the tool has printed `text`.
@@ -197,6 +205,29 @@ TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
     EXPECT_EQ(Leftovers("."), std::set<std::string>());
 }
 
+// Capture to a socket client only: no log to name the bundle after, so it goes to the current
+// directory under the time of the failure.
+TEST(Crash, SocketOnlyCaptureNamesTheBundleByTheTime) {
+    CrashRun run;
+    run.bench.options.crash.afterBytes = 64u << 10; // within the socket's buffers
+    const int port = zavra_test::FreeTcpPort();
+    const std::string cwd = run.Path("cwd");
+    ASSERT_EQ(mkdir(cwd.c_str(), 0755), 0);
+    run.Start({"-p" + std::to_string(port)}, cwd);
+    const int client = zavra_test::ConnectTcp(port, 20000);
+    ASSERT_GE(client, 0) << run.tool.Stderr();
+    ExpectExit(run.tool, 50, 60000);
+    close(client);
+    const std::set<std::string> names = Names(cwd);
+    ASSERT_EQ(names.size(), 2u) << run.tool.Stderr();
+    const std::string zip = *names.rbegin(), base = zip.substr(0, zip.rfind("-crash.zip"));
+    EXPECT_EQ(*names.begin(), base + "-crash.txt");
+    EXPECT_EQ(base.size(), strlen("zavra_log_yy-mm-dd_hh-mm-ss")) << base;
+    EXPECT_EQ(base.rfind("zavra_log_", 0), 0u) << base;
+    ExpectEntries(ReadZip(cwd + "/" + zip, run.bench.dir),
+                  run.ExpectedZip(base + "-crashlog.txt", true));
+}
+
 // A modem that keeps its full dump to itself: the crash information and the crash log still
 // make a bundle, and the commands show what was (not) asked.
 TEST(Crash, ModemsWithoutAFullDumpStillGiveABundle) {
@@ -241,6 +272,11 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
     CrashRun run;
     run.bench.options.crash.crashInfoFile = run.Path("info.txt");
     ASSERT_TRUE(zavra_test::WriteFile(run.bench.options.crash.crashInfoFile, info));
+    // An earlier crash of the same log left a bundle of another shape: it is replaced, not mixed.
+    for (const char* stale : {"out-crash.zip", "out-extram.dmp", "out-crashlog.txt"})
+        ASSERT_TRUE(zavra_test::WriteFile(run.Path(stale), "earlier crash"));
+    ASSERT_EQ(mkdir(run.Path("out-crash-files").c_str(), 0755), 0);
+    ASSERT_TRUE(zavra_test::WriteFile(run.Path("out-crash-files/stale.txt"), "earlier crash"));
     run.Start({run.bench.Out()});
     ExpectExit(run.tool, 50, 60000);
     EXPECT_NE(run.tool.Stderr().find("TARGET-CRASH: Failed to find the crash dump zip file in the "
@@ -248,6 +284,9 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
               std::string::npos)
         << run.tool.Stderr();
     EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
+    EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.dmp")));
+    EXPECT_EQ(Names(run.Path("out-crash-files")),
+              (std::set<std::string>{"bb_events.txt", "crash_summary.txt"}));
     EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash.txt")), info);
     EXPECT_TRUE(zavra_test::ReadFile(run.Path("out-extram.bin")) ==
                 Text(run.bench.modem.CoreDumpImage()));
@@ -293,6 +332,24 @@ TEST(Crash, AnAtPortThatNeverComesBackEndsTheWaitOrASignalDoes) {
         EXPECT_EQ(run.bench.modem.AtCommands(), std::vector<std::string>());
         EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
     }
+}
+
+// A signal in the middle of the retrieval ends the run with its status. The retrieval's files
+// are all in the check's own folder beside the log, which goes: nothing is left there, nor in
+// the current directory.
+TEST(Crash, ASignalDuringTheRetrievalLeavesNoFileBehind) {
+    CrashRun run;
+    const std::string cwd = run.Path("cwd");
+    ASSERT_EQ(mkdir(cwd.c_str(), 0755), 0);
+    run.Start({run.bench.Out()}, cwd);
+    // The crash information and the crash log are still to come, each ending on 300 ms of quiet.
+    ASSERT_TRUE(run.WaitForOutput(PortFail("Reading core dump of 300000 bytes."), 30000))
+        << run.tool.Stderr();
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15, 5000);
+    EXPECT_EQ(Names(cwd), std::set<std::string>());
+    EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+    EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
 }
 
 TEST(Crash, WithoutTheCheckNoAtCommandIsSent) {
