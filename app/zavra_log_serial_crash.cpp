@@ -6,6 +6,7 @@
 
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -40,13 +41,29 @@ ZvAString BundleName(const ZvAString& baseName, const char* suffix) {
     return name;
 }
 
+// The process's file mode creation mask, read without changing it (umask() would, for a moment,
+// for every thread).
+mode_t CreationMask() {
+    mode_t mask = 022;
+    if (FILE* status = fopen("/proc/self/status", "r")) {
+        char line[128];
+        while (fgets(line, sizeof line, status) != nullptr)
+            if (strncmp(line, "Umask:", 6) == 0)
+                mask = static_cast<mode_t>(strtoul(line + 6, nullptr, 8));
+        fclose(status);
+    }
+    return mask;
+}
+
 // Gives a retrieved file its name in the bundle; when the rename fails the file stays usable
-// under the name it has.
+// under the name it has. Temporary files are private to their owner; the bundle is for whoever
+// reads the logs beside it, so it gets the mode of a newly created file.
 void NameCrashFile(ZvAString& path, const ZvAString& baseName, const char* suffix) {
     const ZvAString target = BundleName(baseName, suffix);
     ZvFileUtil::DelFile(target.c_str());
     if (ZvFile::Rename(path.c_str(), target.c_str()))
         path = target;
+    chmod(path.c_str(), 0666 & ~CreationMask());
 }
 
 // A new crash of the same log replaces the whole earlier bundle: a part the new crash lacks
@@ -81,6 +98,7 @@ void FinishWorkDir(const ZvAString& keepAs) {
         ZvLog::Error("Failed to rename '%s' to '%s' (%s).", g_workDir.c_str(), keepAs.c_str(),
                      strerror(errno));
     } else {
+        chmod(keepAs.c_str(), 0777 & ~CreationMask());
         fprintf(stderr, "TARGET-CRASH: Crash files saved in '%s'\n", keepAs.c_str());
     }
     g_workDir.clear();
