@@ -24,10 +24,6 @@ namespace {
 const size_t kImageBlock = 1 << 16;  // image bytes generated at a time
 const unsigned kRefillsPerStep = 16; // image blocks per link before the worker looks around
 const unsigned kDrainMs = 1000;      // how long a reset waits for the host to read the OK
-const unsigned kSplitHeaderPauseMs = 50;
-
-const char kOk[] = "\r\nOK\r\n";
-const char kError[] = "\r\nERROR\r\n";
 
 int MsUntil(Clock::time_point now, Clock::time_point then) {
     if (then <= now) {
@@ -91,8 +87,8 @@ void AtServer::Stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopRequested_ = true;
+        Wake();
     }
-    Wake();
     worker_.join();
     std::lock_guard<std::mutex> lock(mutex_);
     ClosePorts();
@@ -101,6 +97,7 @@ void AtServer::Stop() {
     wakeFd_ = -1;
 }
 
+// Called with the lock held, so that the descriptor cannot be closed meanwhile.
 void AtServer::Wake() const {
     uint64_t one = 1;
     if (wakeFd_ >= 0 && write(wakeFd_, &one, sizeof one) < 0) {
@@ -114,9 +111,9 @@ void AtServer::GoAway() {
         mode_ = Mode::Away;
         returnPending_ = false;
         ClosePorts();
+        Wake();
     }
     changed_.notify_all();
-    Wake();
 }
 
 void AtServer::ReturnInLoader(unsigned ms) {
@@ -124,8 +121,8 @@ void AtServer::ReturnInLoader(unsigned ms) {
         std::lock_guard<std::mutex> lock(mutex_);
         returnPending_ = true;
         returnAt_ = Clock::now() + std::chrono::milliseconds(ms);
+        Wake();
     }
-    Wake();
 }
 
 void AtServer::SetFault(CrashFault fault) {
@@ -217,7 +214,9 @@ bool AtServer::Listen(std::string* error) {
         return false;
     }
     listenFd_ = fd;
-    socketPort_ = ntohs(address.sin_port);
+    if (socketPort_ == 0) {
+        socketPort_ = ntohs(address.sin_port); // set once, before the worker starts
+    }
     return true;
 }
 
@@ -337,40 +336,40 @@ int AtServer::Fill(Link& link, Clock::time_point now, bool& callBack) {
             return 0; // look at the other link and at new commands, then go on at once
         }
         Piece& piece = link.out.front();
-        switch (piece.kind) {
-        case Piece::Text:
-            link.pending.swap(piece.text);
+        switch (piece.reply.kind) {
+        case AtReplyPiece::Text:
+            link.pending.swap(piece.reply.text);
             link.out.pop_front();
-            if (link.out.empty() || link.out.front().kind != Piece::Image) {
+            if (link.out.empty() || link.out.front().reply.kind != AtReplyPiece::Image) {
                 break;
             }
             // The header and the first image bytes leave in the same write.
             [[fallthrough]];
-        case Piece::Image: {
+        case AtReplyPiece::Image: {
             Piece& image = link.out.front();
-            size_t count =
-                static_cast<size_t>(std::min<uint64_t>(image.to - image.from, kImageBlock));
+            size_t count = static_cast<size_t>(
+                std::min<uint64_t>(image.reply.imageEnd - image.imageAt, kImageBlock));
             size_t at = link.pending.size();
             link.pending.resize(at + count);
-            FillCoreDump(setup_.crash.coreDumpSeed, setup_.crash.coreDumpSize, image.from,
+            FillCoreDump(setup_.crash.coreDumpSeed, setup_.crash.coreDumpSize, image.imageAt,
                          reinterpret_cast<uint8_t*>(&link.pending[at]), count);
-            image.from += count;
-            if (image.from == image.to) {
+            image.imageAt += count;
+            if (image.imageAt == image.reply.imageEnd) {
                 link.out.pop_front();
             }
             break;
         }
-        case Piece::Pause:
+        case AtReplyPiece::Pause:
             if (!piece.started) {
                 piece.started = true;
-                piece.until = now + std::chrono::milliseconds(piece.ms);
+                piece.until = now + std::chrono::milliseconds(piece.reply.pauseMs);
             }
             if (now < piece.until) {
                 return MsUntil(now, piece.until);
             }
             link.out.pop_front();
             break;
-        case Piece::BackToModem:
+        case AtReplyPiece::BackToModem:
             // The reset happens once the host has read the OK (as far as it is reading at all).
             if (!piece.started) {
                 piece.started = true;
@@ -456,90 +455,17 @@ void AtServer::TakeCommand(Link& link, const std::string& command) {
 }
 
 void AtServer::Answer(Link& link, const std::string& command) {
-    auto text = [&link](const std::string& reply) {
+    AtDialogueState state;
+    state.loader = mode_ == Mode::Loader;
+    state.fault = fault_;
+    state.coreDumpSize = setup_.crash.coreDumpSize;
+    state.crashInfo = &crashInfo_;
+    state.crashLog = &crashLog_;
+    for (AtReplyPiece& reply : AtReply(command, state)) {
         Piece piece;
-        piece.text = reply;
+        piece.reply = std::move(reply);
         link.out.push_back(std::move(piece));
-    };
-    auto backToModem = [&link] {
-        Piece piece;
-        piece.kind = Piece::BackToModem;
-        link.out.push_back(std::move(piece));
-    };
-    static const char* const kKnown[] = {
-        "at",           "ate0",         "at%mode?",     "at%mode=0", "at%zreset",  "at%debug=?",
-        "at%debug=2,1", "at%debug=0,0", "at%debug=1,0", "at%debug",  "at%debug=99"};
-    bool known = std::find(std::begin(kKnown), std::end(kKnown), command) != std::end(kKnown);
-    if (!known) {
-        text(kError);
-    } else if (mode_ != Mode::Loader) {
-        text(command == "at%mode?" ? "\r\n%MODE: 0\r\n\r\nOK\r\n" : kOk);
-    } else if (command == "at%mode?") {
-        text(fault_ == CrashFault::ModemMode ? "\r\n%MODE: 0\r\n\r\nOK\r\n"
-                                             : "\r\n%MODE: 1\r\n\r\nOK\r\n");
-    } else if (command == "at%debug=?") {
-        text(fault_ == CrashFault::NoFullDump ? "\r\n%DEBUG: (0,1,2)\r\n\r\nOK\r\n"
-                                              : "\r\n%DEBUG: (0,1,2,3)\r\n\r\nOK\r\n");
-    } else if (command == "at%debug=2,1") {
-        QueueCoreDump(link);
-    } else if (command == "at%debug=0,0" || command == "at%debug=1,0") {
-        text(CrashInfoReply(crashInfo_, fault_));
-    } else if (command == "at%debug") {
-        text(crashLog_);
-    } else if (command == "at%mode=0" || command == "at%zreset") {
-        text(kOk);
-        backToModem();
-    } else {
-        text(kOk);
     }
-}
-
-void AtServer::QueueCoreDump(Link& link) {
-    const uint64_t size = setup_.crash.coreDumpSize;
-    auto text = [&link](const std::string& reply) {
-        Piece piece;
-        piece.text = reply;
-        link.out.push_back(std::move(piece));
-    };
-    auto image = [&link](uint64_t to) {
-        Piece piece;
-        piece.kind = Piece::Image;
-        piece.to = to;
-        link.out.push_back(std::move(piece));
-    };
-    switch (fault_) {
-    case CrashFault::DumpError:
-        text(kError);
-        return;
-    case CrashFault::NoFullDumpAvailable:
-        text("\r\nNo Full Core Dump Available\r\n");
-        return;
-    case CrashFault::SplitHeader: {
-        // Two writes with a pause between: the host reads the header in two pieces.
-        std::string header = CoreDumpHeader(size);
-        size_t cut = header.find("size in bytes=");
-        text(header.substr(0, cut));
-        Piece pause;
-        pause.kind = Piece::Pause;
-        pause.ms = kSplitHeaderPauseMs;
-        link.out.push_back(pause);
-        text(header.substr(cut));
-        break;
-    }
-    case CrashFault::ExtraAfterHeader:
-        // Announces fewer bytes than follow in the very same write.
-        text(CoreDumpHeader(std::min<uint64_t>(size / 2, 64)));
-        break;
-    default:
-        text(CoreDumpHeader(size));
-        break;
-    }
-    if (fault_ == CrashFault::SilentMidDump) {
-        image(size / 2); // and the rest never comes
-        return;
-    }
-    image(size);
-    text(kOk);
 }
 
 } // namespace zsim

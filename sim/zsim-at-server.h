@@ -5,6 +5,7 @@
 // modem mode again or resets the modem.
 #pragma once
 
+#include "zsim-at-dialogue.h"
 #include "zsim-crash.h"
 #include "zsim-pty-port.h"
 #include "zsim-wire.h"
@@ -56,13 +57,11 @@ public:
     Bytes CrashLogText() const;
 
 private:
-    // One piece of a reply still to be written.
+    // One piece of a reply still to be written, with how far it has got.
     struct Piece {
-        enum Kind { Text, Image, Pause, BackToModem } kind = Text;
-        std::string text;
-        uint64_t from = 0, to = 0; // image bytes [from, to)
-        unsigned ms = 0;
-        bool started = false;
+        AtReplyPiece reply;
+        uint64_t imageAt = 0; // image bytes written so far
+        bool started = false; // a pause or a switch back has begun waiting
         std::chrono::steady_clock::time_point until;
     };
     // One way in: the pty or the TCP client.
@@ -84,7 +83,6 @@ private:
     void ReadLink(Link& link);
     void TakeCommand(Link& link, const std::string& command);
     void Answer(Link& link, const std::string& lower);
-    void QueueCoreDump(Link& link);
     int Fill(Link& link, std::chrono::steady_clock::time_point now, bool& callBack);
     bool Flush(Link& link);
     void DropClient();

@@ -25,6 +25,18 @@
 //   "at%debug=0,0\r", "at%debug=1,0\r"  the crash information text, nothing more
 //   "at%debug\r"     the crash log, nothing more
 //   "at%debug=99\r", "at%mode=0\r", "at%zreset\r", "at\r"  "\r\nOK\r\n"
+//
+// Typical test use:
+//   options.crash.atPort = true;            // and/or atSocket; see AtPortPath, AtSocketPort
+//   options.crash.coreDumpSize = 4096;
+//   modem.Start(options);                   // the tool captures from modem.PortPath()
+//   modem.Crash();                          // or crash.afterBytes, crash.afterMs
+//   modem.WaitForCrashed(ms);               // the crash fired
+//   modem.WaitForPortUp(false, ms);         // the logging port drained and hung up
+//   modem.WaitForAtMode(1, ms);             // the AT port is back in the loader
+//   modem.WaitForAtCommand("at%debug=2,1\r", ms);
+//   modem.WaitForConnection(1, ms);         // reset: the logging port is back
+//   modem.AtCommands();                     // everything the host sent, in order
 #pragma once
 
 #include <cstdint>

@@ -124,10 +124,10 @@ int Fail(const char* format, const char* argument) {
 
 void PrintProgress(const zsim::ModemCounters& c, bool final) {
     std::fprintf(
-        stderr, "\rsent %llu bytes, %llu records; received %llu records; channel %s; port %s%s",
+        stderr, "\rsent %llu bytes, %llu records; received %llu records; channel %s; port %s%s%s",
         static_cast<unsigned long long>(c.sent), static_cast<unsigned long long>(c.records),
         static_cast<unsigned long long>(c.hostRecords), c.channelOpen ? "open" : "closed",
-        c.portUp ? "up" : "down", final ? "\n" : "   ");
+        c.portUp ? "up" : "down", c.crashed ? " (crashed)" : "", final ? "\n" : "   ");
     std::fflush(stderr);
 }
 
