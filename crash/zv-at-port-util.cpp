@@ -1,5 +1,6 @@
 #include "zv-at-port-util.h"
 
+#include <cstdio>
 #include <cstring>
 #include <vector>
 
@@ -21,8 +22,11 @@ constexpr unsigned kSocketWaitMs = 30000;
 constexpr unsigned kCapabilityTries = 4;
 constexpr unsigned kCapabilityRetryMs = 200;
 constexpr unsigned kBulkChunkSize = 50000;
-// Crash information and crash logs of 200 bytes or fewer hold no crash, only the target's
-// "nothing here" reply.
+// A serial read brings about 4 KiB of a dump; the file takes them 64 KiB at a time, so the dump
+// costs far fewer writes than reads.
+constexpr size_t kDumpFileBufferSize = 64 * 1024;
+// A crash information reply or crash log of 200 bytes or fewer is too short to hold a crash
+// (a target with nothing to report still answers a line or two); such files are dropped.
 constexpr long long kMinUsefulSize = 200;
 
 const char kModeQuery[] = "at%mode?\r";
@@ -55,8 +59,8 @@ ZvInterfaceInfo* ChooseAtInterface(const ZvDeviceInfo& device) {
     return info;
 }
 
-// Reads chunks into the file until the target falls silent; the bytes written, or -1 when a read
-// failed (the bytes up to it are in the file).
+// Reads chunks into the file until the target falls silent or a read fails (readFailed); the
+// bytes written either way.
 long long CopyUntilSilent(ZvAtPort& port, ZvFile& file, std::vector<unsigned char>& buffer,
                           bool& readFailed) {
     long long written = 0;
@@ -271,11 +275,14 @@ void ZvAtCrash::ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& 
         errorText = port.errorText;
         return;
     }
+    // Declared before the file, so that it outlives the stream that uses it.
+    std::vector<char> fileBuffer(kDumpFileBufferSize);
     ZvFile file;
     if (!file.Open(response.coreDumpFile.c_str(), "wb")) {
         errorText.Printf("Failed to open '%s'", response.coreDumpFile.c_str());
         return;
     }
+    setvbuf(file.GetHandle(), fileBuffer.data(), _IOFBF, fileBuffer.size());
     ZvAtCoreDumpReader reader(file);
     ZvAString status;
     while (reader.GetState() != ZvAtCoreDumpReader::State::Ended) {
@@ -362,8 +369,8 @@ void ZvAtCrash::ReadCrashLog(ZvAtPort& port, Response& response,
 
 void ZvAtCrash::ReportPortFailure(ZvAtPort& port, const char* text) {
     OnStatus(text);
-    // Only an empty port error is passed on; a detailed one stays with the port. Callers rely on
-    // this pairing of messages.
+    // The further status is sent only when the port has no message of its own (then an empty
+    // one); a port message stays in the port's error text. Observers see this pairing as is.
     if (port.errorText.empty())
         OnStatus(port.errorText.c_str());
 }

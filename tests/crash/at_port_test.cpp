@@ -2,8 +2,6 @@
 // real pty or a real loopback TCP connection.
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <thread>
 #include <vector>
 
 #include "at_peer.h"
@@ -19,10 +17,6 @@ std::vector<std::string> Lines(const ZvAStringList& list) {
     for (unsigned i = 0; i < list.Count(); ++i)
         out.push_back(list[i]);
     return out;
-}
-
-unsigned Elapsed(unsigned start) {
-    return ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime());
 }
 
 } // namespace
@@ -47,64 +41,35 @@ TEST(AtPort, RepliesAreCutIntoLinesAndJudgedByAWholeOkLine) {
         {"AB\0CD\r\nOK\r\n"s, {"AB"}, false}, // a NUL cuts off the rest of its chunk
     };
     for (Transport transport : kTransports) {
-        SCOPED_TRACE(TransportName(transport));
-        auto peer = MakePeer(transport, 200);
-        ASSERT_TRUE(peer->Connect());
+        AtPeer peer(transport, 200);
+        SCOPED_TRACE(peer.Name());
+        ASSERT_TRUE(peer.Connect());
         for (const auto& c : cases) {
             SCOPED_TRACE(testing::PrintToString(c.reply));
-            peer->Send(c.reply);
+            peer.Send(c.reply);
             ZvAStringList lines;
-            EXPECT_TRUE(peer->Port().SendAtCommand("at%mode?\r", lines));
+            EXPECT_TRUE(peer.Port().SendAtCommand("at%mode?\r", lines));
             EXPECT_EQ(c.lines, Lines(lines));
             EXPECT_EQ(c.ok, ZvAtPort::IsAtResponseOk(lines));
-            EXPECT_EQ("", peer->Port().errorText);
-            EXPECT_EQ("at%mode?\r", peer->Received(9));
+            EXPECT_EQ("", peer.Port().errorText);
+            EXPECT_EQ("at%mode?\r", peer.Received(9));
         }
-        // SendAtCommandOk keeps only the verdict.
-        peer->Send("\r\nOK\r\n");
-        EXPECT_TRUE(peer->Port().SendAtCommandOk("at%zreset\r"));
-        peer->Send("\r\nERROR\r\n");
-        EXPECT_FALSE(peer->Port().SendAtCommandOk("at%zreset\r"));
-        EXPECT_EQ("AT command failed.", peer->Port().errorText);
-        EXPECT_EQ("at%zreset\rat%zreset\r", peer->Received(20));
+        peer.Send("\r\nERROR\r\n");
+        EXPECT_FALSE(peer.Port().SendAtCommandOk("at%zreset\r"));
+        EXPECT_EQ("AT command failed.", peer.Port().errorText);
+        EXPECT_EQ("at%zreset\r", peer.Received(10));
     }
 }
 
-TEST(AtPort, AReplyEndsOnlyAfterOneTimeOutOfSilence) {
-    for (Transport transport : kTransports) {
-        SCOPED_TRACE(TransportName(transport));
-        auto peer = MakePeer(transport, 600);
-        ASSERT_TRUE(peer->Connect());
-        // A pause well inside the time-out does not end the reply, even after an "OK".
-        peer->Send("\r\nOK\r\n");
-        std::thread late([&] {
-            ZvTime::Sleep(100);
-            peer->Send("+LATE\r\n");
-        });
-        ZvAStringList lines;
-        EXPECT_TRUE(peer->Port().GetResponse(lines));
-        late.join();
-        EXPECT_EQ((std::vector<std::string>{"", "OK", "+LATE"}), Lines(lines));
-
-        // Nothing at all: one time-out later the reply is empty.
-        const unsigned start = ZvTime::GetMsTickTime();
-        EXPECT_FALSE(peer->Port().SendAtCommand("at\r", lines));
-        EXPECT_GE(Elapsed(start), 500u);
-        EXPECT_LT(Elapsed(start), 5000u);
-        EXPECT_EQ("No response received on AT port.", peer->Port().errorText);
-        EXPECT_TRUE(lines.Empty());
-    }
-}
-
-TEST(AtPort, APeerThatGoesAwayKeepsWhatArrivedAndFailsItsWrites) {
-    // Over TCP the bytes sent before the close are still read and the close is a read failure.
-    // A pty's hang-up discards the unread bytes and reads then return nothing at once, which the
+TEST(AtPort, SilentAndVanishedPeers) {
+    // Over TCP the bytes sent before a close are still read and the close is a read failure. A
+    // pty's hang-up discards the unread bytes and reads then return nothing at once, which the
     // serial transport cannot tell from silence.
     const struct {
         Transport transport;
         bool gotReply;
         std::vector<std::string> lines;
-        const char* error;
+        const char* readError;
         const char* writeError;
     } cases[] = {
         {Transport::Tcp,
@@ -119,117 +84,72 @@ TEST(AtPort, APeerThatGoesAwayKeepsWhatArrivedAndFailsItsWrites) {
          "Failed to write to AT port (error = 5)."}, // EIO
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(TransportName(c.transport));
-        auto peer = MakePeer(c.transport, 2000);
-        ASSERT_TRUE(peer->Connect());
-        peer->Send("\r\nOK\r\nPAR");
-        peer->HangUp();
+        AtPeer peer(c.transport, 1500);
+        SCOPED_TRACE(peer.Name());
+        ASSERT_TRUE(peer.Connect());
+        // Nothing at all: the reply is empty after one time-out of silence.
         ZvAStringList lines;
-        const unsigned start = ZvTime::GetMsTickTime();
-        EXPECT_EQ(c.gotReply, peer->Port().GetResponse(lines));
-        EXPECT_LT(Elapsed(start), 1500u) << "a closed peer is not waited for";
+        unsigned start = ZvTime::GetMsTickTime();
+        EXPECT_FALSE(peer.Port().SendAtCommand("at\r", lines));
+        EXPECT_GE(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1400u);
+        EXPECT_EQ("No response received on AT port.", peer.Port().errorText);
+
+        peer.Send("\r\nOK\r\nPAR");
+        peer.HangUp();
+        start = ZvTime::GetMsTickTime();
+        EXPECT_EQ(c.gotReply, peer.Port().GetResponse(lines));
+        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u) << "not waited for";
         EXPECT_EQ(c.lines, Lines(lines));
-        EXPECT_EQ(c.error, peer->Port().errorText);
+        EXPECT_EQ(c.readError, peer.Port().errorText);
 
         // Writes to the vanished peer fail (a socket may take a few before it notices) and never
-        // raise SIGPIPE. The reply-reading form reports the plain message and empties the lines.
+        // raise SIGPIPE; the reply-reading form gives the plain message and empties the lines.
         bool written = true;
         for (int i = 0; i < 100 && written; ++i)
-            written = peer->Port().SendAtCommand("at%mode?\r");
+            written = peer.Port().SendAtCommand("at%mode?\r");
         EXPECT_FALSE(written);
-        EXPECT_EQ(c.writeError, peer->Port().errorText);
+        EXPECT_EQ(c.writeError, peer.Port().errorText);
         lines.Add("stale");
-        EXPECT_FALSE(peer->Port().SendAtCommand("at%mode?\r", lines));
-        EXPECT_EQ("Failed to write to AT port.", peer->Port().errorText);
+        EXPECT_FALSE(peer.Port().SendAtCommand("at%mode?\r", lines));
+        EXPECT_EQ("Failed to write to AT port.", peer.Port().errorText);
         EXPECT_TRUE(lines.Empty());
     }
 }
 
-TEST(AtPort, OpenFailuresNameTheirCause) {
-    const int refused = zavra_test::FreeTcpPort();
-    const struct {
-        const char* name;
-        std::function<bool(ZvAString&)> open;
-        const char* error;
-    } cases[] = {
-        {"serial, empty name",
-         [](ZvAString& error) {
-             ZvAtPortSerial port("", 300);
-             bool ok = port.Open();
-             error = port.errorText;
-             return ok;
-         },
-         "Serial port name not configured."},
-        {"serial, missing device",
-         [](ZvAString& error) {
-             ZvAtPortSerial port("/dev/zavra-no-such-tty", 300);
-             bool ok = port.Open();
-             error = port.errorText;
-             return ok;
-         },
-         "Failed to open AT port (2)."},
-        {"serial, not a terminal",
-         [](ZvAString& error) {
-             ZvAtPortSerial port("/dev/null", 300);
-             bool ok = port.Open();
-             error = port.errorText;
-             return ok;
-         },
-         "Failed to open AT port (25)."},
-        {"socket, null address",
-         [](ZvAString& error) {
-             ZvAtPortSocket port(nullptr, 5000, 500);
-             bool ok = port.Open();
-             error = port.errorText;
-             return ok;
-         },
-         "Socket AT port name not configured."},
-        {"socket, port 0",
-         [](ZvAString& error) {
-             ZvAtPortSocket port("127.0.0.1", 0, 500);
-             bool ok = port.Open();
-             error = port.errorText;
-             return ok;
-         },
-         "Socket AT port name not configured."},
-        {"socket, nobody listening",
-         [refused](ZvAString& error) {
-             ZvAtPortSocket port("127.0.0.1", refused, 500);
-             bool ok = port.Open();
-             error = port.errorText;
-             return ok;
-         },
-         "Failed to open socket AT port."},
+TEST(AtPort, OpenFailuresNameTheirCauseAndASecondOpenReopens) {
+    ZvAtPortSerial noName("", 300), missing("/dev/zavra-no-such-tty", 300),
+        notTty("/dev/null", 300);
+    ZvAtPortSocket noAddress(nullptr, 5000, 500), noPort("127.0.0.1", 0, 500),
+        refused("127.0.0.1", zavra_test::FreeTcpPort(), 500);
+    const std::pair<ZvAtPort*, const char*> cases[] = {
+        {&noName, "Serial port name not configured."},
+        {&missing, "Failed to open AT port (2)."},
+        {&notTty, "Failed to open AT port (25)."}, // ENOTTY
+        {&noAddress, "Socket AT port name not configured."},
+        {&noPort, "Socket AT port name not configured."},
+        {&refused, "Failed to open socket AT port."},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        ZvAString error;
-        EXPECT_FALSE(c.open(error));
-        EXPECT_EQ(c.error, error);
+    for (const auto& [port, error] : cases) {
+        EXPECT_FALSE(port->Open());
+        EXPECT_EQ(error, port->errorText);
     }
-}
 
-TEST(AtPort, OpenTwiceReopensWithAClearedError) {
     for (Transport transport : kTransports) {
-        SCOPED_TRACE(TransportName(transport));
-        auto peer = MakePeer(transport, 200);
-        ASSERT_TRUE(peer->Connect());
+        AtPeer peer(transport, 200);
+        SCOPED_TRACE(peer.Name());
+        ASSERT_TRUE(peer.Connect());
+        const int first = dup(peer.Fd());
         ZvAStringList lines;
-        EXPECT_FALSE(peer->Port().GetResponse(lines));
-        ASSERT_FALSE(peer->Port().errorText.empty());
+        EXPECT_FALSE(peer.Port().GetResponse(lines));
+        ASSERT_TRUE(peer.Connect());
+        EXPECT_EQ("", peer.Port().errorText);
         if (transport == Transport::Tcp) {
-            auto& tcp = static_cast<TcpPeer&>(*peer);
-            const int first = dup(tcp.Fd());
-            ASSERT_TRUE(peer->Connect());
             char byte;
             EXPECT_EQ(0, read(first, &byte, 1)) << "the first connection was closed";
-            close(first);
-        } else {
-            ASSERT_TRUE(peer->Connect());
         }
-        EXPECT_EQ("", peer->Port().errorText);
-        peer->Send("\r\nOK\r\n");
-        EXPECT_TRUE(peer->Port().SendAtCommandOk("at\r"));
-        EXPECT_EQ("at\r", peer->Received(3));
+        close(first);
+        peer.Send("\r\nOK\r\n");
+        EXPECT_TRUE(peer.Port().SendAtCommandOk("at\r"));
+        EXPECT_EQ("at\r", peer.Received(3));
     }
 }

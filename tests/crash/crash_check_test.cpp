@@ -1,0 +1,149 @@
+// The crash check's wait and the bound on its searching text, without a modem.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <thread>
+
+#include "crash_recorder.h"
+#include "zavra_test_files.h"
+#include "zavra_test_net.h"
+#include "zv-at-core-dump.h"
+#include "zv-device-detect.h"
+#include "zv-file.h"
+#include "zv-time.h"
+
+namespace {
+
+void RequestStop(int) {
+    g_stopRequested = 1;
+}
+
+// The serial wait on an interface that detection never finds, and the socket wait on a port
+// nobody listens on: both wait their full time unless stopped.
+struct Wait {
+    const char* name;
+    std::function<bool(ZvAtCrash&, ZvAtCrash::Response&)> run;
+    const char* waitStatus;
+};
+
+std::vector<Wait> Waits() {
+    const int refused = zavra_test::FreeTcpPort();
+    return {
+        {"serial",
+         [](ZvAtCrash& crash, ZvAtCrash::Response& response) {
+             ZvInterfaceInfo info;
+             info.type = ZvInterfaceTypeSerial;
+             info.uniqueId = "1234_5678_00_zavra-missing";
+             info.portName = "/dev/zavra-missing-tty";
+             return crash.CheckForCrash(&info, response);
+         },
+         "Waiting for device to restart (takes about 10 seconds)."},
+        {"socket",
+         [refused](ZvAtCrash& crash, ZvAtCrash::Response& response) {
+             return crash.CheckForCrashSocket(refused, "127.0.0.1", response);
+         },
+         "Waiting for device to restart (takes about 30 seconds)."},
+    };
+}
+
+class CrashWait : public ::testing::Test {
+protected:
+    void SetUp() override {
+        struct sigaction action {};
+        action.sa_handler = RequestStop;
+        ASSERT_EQ(0, sigaction(SIGUSR1, &action, &m_previous));
+    }
+    void TearDown() override {
+        sigaction(SIGUSR1, &m_previous, nullptr);
+        g_stopRequested = 0;
+    }
+
+private:
+    struct sigaction m_previous {};
+};
+
+} // namespace
+
+TEST_F(CrashWait, ASignalDrivenStopEndsTheWaitWithinOneAttempt) {
+    for (const Wait& wait : Waits()) {
+        SCOPED_TRACE(wait.name);
+        g_stopRequested = 0;
+        RecordingCrash crash;
+        ZvAtCrash::Response response;
+        response.crashFound = true;
+        std::atomic<unsigned> signalled{0};
+        std::thread stopper([&] {
+            ZvTime::Sleep(1000);
+            signalled = ZvTime::GetMsTickTime();
+            kill(getpid(), SIGUSR1);
+        });
+        const unsigned start = ZvTime::GetMsTickTime();
+        EXPECT_FALSE(wait.run(crash, response));
+        const unsigned end = ZvTime::GetMsTickTime();
+        stopper.join();
+        // One attempt is a 400 ms sleep plus a detection refresh; the whole wait is 14 or 30 s.
+        EXPECT_GE(ZvTime::DiffMsTime(start, end), 900u);
+        EXPECT_LT(ZvTime::DiffMsTime(signalled.load(), end), 2500u);
+        EXPECT_EQ((std::vector<std::string>{"Possible target crash.", wait.waitStatus,
+                                            "Crash check cancelled."}),
+                  crash.statuses);
+        EXPECT_EQ("", crash.errorText);
+        EXPECT_FALSE(response.crashFound);
+    }
+}
+
+TEST_F(CrashWait, AStopAlreadyRequestedReportsNothing) {
+    for (const Wait& wait : Waits()) {
+        SCOPED_TRACE(wait.name);
+        g_stopRequested = 1;
+        RecordingCrash crash;
+        crash.errorText = "stale";
+        ZvAtCrash::Response response;
+        response.crashFound = true;
+        const unsigned start = ZvTime::GetMsTickTime();
+        EXPECT_FALSE(wait.run(crash, response));
+        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 300u);
+        EXPECT_EQ("Checking for crash information was stopped.", crash.errorText);
+        EXPECT_TRUE(crash.statuses.empty());
+        EXPECT_FALSE(response.crashFound);
+    }
+}
+
+TEST(CrashRetrieval, APortThatIsNotThereGivesItsOwnError) {
+    RecordingCrash crash;
+    ZvAtCrash::Response response;
+    EXPECT_FALSE(crash.GetCrash(nullptr, response));
+    EXPECT_EQ("Serial port name not configured.", crash.errorText);
+    EXPECT_FALSE(crash.GetCrash("/dev/zavra-missing-tty", response));
+    EXPECT_EQ("Failed to open AT port (2).", crash.errorText);
+    EXPECT_TRUE(crash.statuses.empty());
+    EXPECT_FALSE(ZvAtIsModemInLoaderMode("/dev/zavra-missing-tty"));
+}
+
+TEST(CoreDumpReader, TextWithoutAMarkerStaysBoundedAndAMarkerAcrossTheCutIsFound) {
+    zavra_test::TempDir dir;
+    ZvFile file;
+    ASSERT_TRUE(file.Open(dir.File("exr").c_str(), "wb"));
+    ZvAtCoreDumpReader reader(file);
+    ZvAString status;
+    const auto feed = [&](const std::string& chunk) {
+        reader.OnChunk(reinterpret_cast<const unsigned char*>(chunk.data()),
+                       static_cast<unsigned>(chunk.size()), status);
+    };
+    const std::string noise(50000, 'x');
+    size_t largest = 0;
+    for (int i = 0; i < 400; ++i) { // 20 MB of text that never names a marker
+        feed(noise);
+        largest = std::max(largest, reader.SearchTextSize());
+    }
+    EXPECT_LE(largest, ZvAtCoreDumpReader::kSearchLimit + noise.size());
+    feed(noise + "\r\nNo Full Core");
+    EXPECT_EQ(ZvAtCoreDumpReader::State::Searching, reader.GetState());
+    feed(" Dump Available\r\n");
+    EXPECT_EQ(ZvAtCoreDumpReader::Outcome::NoDumpAvailable, reader.GetOutcome());
+    EXPECT_EQ("No full core dump available.", status);
+    file.Close();
+    EXPECT_EQ(0, zavra_test::FileSize(dir.File("exr")));
+}
