@@ -169,7 +169,12 @@ bool ZvCrashDecodeZip(const ZvAtCrash::Response& response, const char* outputDir
         return !files.Empty();
     files.Add(crashText = ZvCrashMoveToName(response.crashInfoFile, dir, "crash.txt"));
 
+    // The retrieved files lie beside the text; a section of the same name must not replace them.
     ZvCrashDecode decode;
+    for (const ZvAString* retrieved : {&crashLog, &coreDump}) {
+        if (!retrieved->empty())
+            ZvFileUtil::RelativeToAbsolutePath(retrieved->c_str(), decode.keepFiles.Add(""), false);
+    }
     if (!decode.Decode(crashText.c_str(), nullptr)) {
         ZvCrashSetError(error, "%s", decode.errorText.c_str());
         return true;

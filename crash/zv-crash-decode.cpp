@@ -107,13 +107,30 @@ bool ZvCrashDecode::ReadHeaders(const ZvAStringList& lines, unsigned boundary, S
     return true;
 }
 
+bool ZvCrashDecode::IsKept(const ZvAString& path) const {
+    ZvAString absolute;
+    ZvFileUtil::RelativeToAbsolutePath(path.c_str(), absolute, false);
+    if (absolute == m_inputPath)
+        return true;
+    for (unsigned i = 0; i < keepFiles.Count(); ++i)
+        if (keepFiles[i] == absolute)
+            return true;
+    return false;
+}
+
 bool ZvCrashDecode::WriteSection(const Section& section) {
     // The description becomes a file name in the output directory; one that would reach outside
     // it, or replace the text being decoded, is skipped rather than trusted.
     const ZvAString path = m_outputBase + section.description;
-    if (!ZvCrashIsPlainFileName(section.description) || path == m_inputPath) {
+    if (!ZvCrashIsPlainFileName(section.description)) {
         ZvLog::Warning("Crash section '%s' in '%s' is not a plain file name in the output "
                        "directory and was skipped.",
+                       section.description.c_str(), m_inputPath.c_str());
+        return true;
+    }
+    if (IsKept(path)) {
+        ZvLog::Warning("Crash section '%s' in '%s' would replace a retrieved file and was "
+                       "skipped.",
                        section.description.c_str(), m_inputPath.c_str());
         return true;
     }

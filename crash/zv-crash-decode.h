@@ -19,6 +19,9 @@ public:
     ZvAStringList outputFiles;
     // Empty when the last Decode succeeded.
     ZvAString errorText;
+    // Files a section must never replace (absolute paths), such as the crash log retrieved
+    // beside the text. The text being decoded is always kept.
+    ZvAStringList keepFiles;
 
 private:
     // The section being read: its name and encoding carry over to the next section unless that
@@ -34,6 +37,8 @@ private:
     // line after them. False when the decode must end.
     bool ReadHeaders(const ZvAStringList& lines, unsigned boundary, Section& section,
                      unsigned& next);
+    // True when `path` is the input or one of `keepFiles`.
+    bool IsKept(const ZvAString& path) const;
     // Writes the collected body of `section`. False when the decode must end.
     bool WriteSection(const Section& section);
 

@@ -1,0 +1,219 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "crash_zip_reader.h"
+#include "zavra_test_files.h"
+#include "zv-crash-decode-zip.h"
+#include "zv-file-util.h"
+
+using zavra_test::FileExists;
+using zavra_test::ReadFile;
+using zavra_test::WriteFile;
+using Names = std::vector<std::string>;
+using Entries = std::map<std::string, std::string>;
+
+namespace {
+
+class CrashTidy : public ::testing::Test {
+protected:
+    // Paths in the scratch directory; with `make` each file is created holding "<name>".
+    ZvAStringList Files(const Names& names, bool make = true) {
+        ZvAStringList list;
+        for (const std::string& name : names) {
+            if (make && name.find("crash_dump_1") == std::string::npos) {
+                EXPECT_TRUE(WriteFile(P(name), "<" + name + ">"));
+            }
+            list.Add(P(name).c_str());
+        }
+        return list;
+    }
+    std::string P(const std::string& name) const { return m_dir.File(name); }
+    Names Short(const ZvAStringList& list) const {
+        Names names;
+        for (unsigned i = 0; i < list.Count(); ++i)
+            names.push_back(list[i].substr(list[i].rfind('/') + 1));
+        return names;
+    }
+    Entries Zip(const std::string& path) {
+        Entries entries;
+        EXPECT_TRUE(crash_test::ReadZip(path, entries)) << path;
+        return entries;
+    }
+    zavra_test::TempDir m_dir;
+};
+
+const std::string kThread1 = "<logging_kor1_chunk1.zol><logging_kor1_chunk2.zol>";
+
+TEST_F(CrashTidy, LogChunksOfEachCoreAreJoined) {
+    const Names chunks = {"logging_kor1_chunk2.zol", "logging_kor1_chunk1.zol",
+                          "logging_kor2_chunk1.zol", "logging_kor0_chunk2.zol"};
+    for (bool move : {false, true}) {
+        ZvAStringList tidied;
+        EXPECT_TRUE(ZvCrashTidy(Files(chunks), nullptr, tidied, move, nullptr));
+        // Core 1 is joined; a chunk without its partner stays as it is.
+        EXPECT_EQ(Short(tidied), (Names{"logging_kor2_chunk1.zol", "logging_kor0_chunk2.zol",
+                                        "logging_kor_thread1.zol"}));
+        EXPECT_EQ(ReadFile(P("logging_kor_thread1.zol")), kThread1);
+        EXPECT_EQ(FileExists(P(chunks[0])) && FileExists(P(chunks[1])), !move);
+        EXPECT_TRUE(FileExists(P(chunks[2])) && FileExists(P(chunks[3])));
+    }
+}
+
+TEST_F(CrashTidy, JoinFailuresNameChunkTwoAndTheTarget) {
+    const std::string c1 = P("logging_kor0_chunk1.zol"), c2 = P("logging_kor0_chunk2.zol");
+    const std::string target = P("logging_kor_thread0.zol");
+    const struct {
+        bool move, busyTarget; // a non-empty directory is neither replaced nor removed
+        std::string verb;
+        Names after;
+    } cases[] = {
+        {false, true, "copy", {c1, c2}},
+        {true, true, "rename", {c1, c2}},
+        {true, false, "append", {target, c2}}, // chunk 2 is gone; chunk 1 is now the target
+    };
+    for (const auto& c : cases) {
+        ZvFileUtil::DeleteDir(target.c_str(), true);
+        ZvAStringList files = Files({"logging_kor0_chunk1.zol", "logging_kor0_chunk2.zol"});
+        if (c.busyTarget) {
+            ASSERT_TRUE(ZvFileUtil::MakeDir(target.c_str()));
+            ASSERT_TRUE(WriteFile(target + "/x", ""));
+        } else {
+            remove(c2.c_str());
+        }
+        ZvAString error;
+        EXPECT_FALSE(ZvCrashTidyZolChunks(0, files, c.move, &error));
+        EXPECT_EQ(error, "Failed to " + c.verb + " file from '" + c2 + "' to '" + target + "'.");
+        EXPECT_EQ(Short(files), Short(Files(c.after, false)));
+        EXPECT_EQ(ReadFile(c.after[0]), "<logging_kor0_chunk1.zol>");
+    }
+}
+
+TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
+    ASSERT_TRUE(crash_test::WriteTargetZip(P("crash_dump_1.zip")));
+    const ZvAStringList decoded =
+        Files({"crash_dump.zip", "bb_events.txt", "logging_kor1_chunk1.zol", "crash_dump_1.zip",
+               "logging_kor1_chunk2.zol", "crash_dump-1.zip", "m.log", "m.log", "gone.txt"});
+    remove(P("gone.txt").c_str());
+    ZvAStringList extras = Files({"run-crashlog.txt", "run-extram.dmp", "absent-extram.bin"});
+    remove(P("absent-extram.bin").c_str()); // extras that do not exist are left out quietly
+    ZvAString zipPath, error;
+    EXPECT_TRUE(ZvCrashZip(decoded, &extras, zipPath, true, &error));
+    EXPECT_EQ(zipPath, P("crash_dump_1.zip"));
+    EXPECT_EQ(error, "Failed to add the '" + P("gone.txt") + "' file to the crash dump zip file.");
+    std::string regs;
+    for (int i = 0; i < 256; ++i)
+        regs += static_cast<char>(i);
+    EXPECT_EQ(Zip(zipPath), (Entries{{"bb_events.txt", crash_test::kTargetEvents},
+                                     {"regs.bin", regs},
+                                     {"bb_events_dup.txt", "<bb_events.txt>"},
+                                     {"extram.dmp", "<run-extram.dmp>"},
+                                     {"logging_kor_thread1.zol", kThread1},
+                                     {"m.log", "<m.log>"},
+                                     {"run-crashlog.txt", "<run-crashlog.txt>"}}));
+    ZvAStringList onDisk;
+    ZvFileUtil::GetDirFiles(m_dir.Path().c_str(), onDisk, "*", false);
+    Names left = Short(onDisk);
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left, (Names{"crash_dump-1.zip", "crash_dump.zip", "crash_dump_1.zip"}));
+
+    const std::string corrupt = "not a zip";
+    ASSERT_TRUE(WriteFile(zipPath, corrupt));
+    for (const auto& [list, message] :
+         {std::make_pair(Names{"m.log", "crash_dump_1.zip"},
+                         "Failed to open the crash dump zip file '" + zipPath +
+                             "'. Check for corrupt crash information."),
+          std::make_pair(
+              Names{"m.log"},
+              std::string("Failed to find the crash dump zip file in the crash information."))}) {
+        EXPECT_FALSE(ZvCrashZip(Files(list), nullptr, zipPath, true, &error));
+        EXPECT_EQ(error, message);
+        EXPECT_EQ(ReadFile(P("m.log")), "<m.log>");
+    }
+    EXPECT_EQ(ReadFile(P("crash_dump_1.zip")), corrupt);
+}
+
+TEST_F(CrashTidy, DecodeZipLeavesOneZipPerCrash) {
+    const struct {
+        bool coreDump, raw, keepText;
+        Names files;
+        const char* dumpEntry;
+    } cases[] = {
+        {true, false, true, {"crash.txt", "core_dump_1.zip"}, "extram.bin"},
+        {true, true, false, {"core_dump_1.zip"}, "extram.dmp"},
+        {false, true, true, {"crash.txt", "crash_dump_1.zip"}, nullptr},
+    };
+    std::string text = "AT%DEBUG=0,0\r\n--Zavra debug info\r\nContent-Description: "
+                       "crash_dump_1.zip\r\nContent-Transfer-Encoding: x-base64\r\n\r\n" +
+                       std::string(crash_test::kTargetZipBase64);
+    // A section named like the retrieved crash log must not replace it.
+    for (const char* name : {"bb_events.txt", "logging_kor0_chunk1.zol", "crashlog.txt"})
+        text += std::string("--Zavra debug info\r\nContent-Description: ") + name +
+                "\r\nContent-Transfer-Encoding: text/plain\r\n\r\n<" + name + ">\r\n";
+    text += "--Zavra debug info--\r\n\r\nOK\r\n";
+    for (const auto& c : cases) {
+        zavra_test::TempDir out;
+        ZvAtCrash::Response response;
+        response.crashLogFile = P("clfAAAAAA").c_str();
+        response.crashInfoFile = P("crhAAAAAA").c_str();
+        response.coreDumpFile = c.coreDump ? P("exrAAAAAA").c_str() : "";
+        response.coreDumpRaw = c.raw;
+        ASSERT_TRUE(WriteFile(response.crashLogFile, "crash log") &&
+                    WriteFile(response.crashInfoFile, text) &&
+                    WriteFile(P("exrAAAAAA"), std::string(70000, '\xa5')));
+        ZvAStringList files;
+        ZvAString error;
+        EXPECT_TRUE(ZvCrashDecodeZip(response, out.Path().c_str(), files, &error, c.keepText));
+        EXPECT_EQ(error, "");
+        EXPECT_EQ(Short(files), c.files);
+        EXPECT_EQ(files[files.Count() - 1], out.File(c.files.back()));
+        Entries entries = Zip(out.File(c.files.back()));
+        EXPECT_EQ(entries.size(), c.dumpEntry != nullptr ? 6u : 5u);
+        EXPECT_EQ(entries["crashlog.txt"], "crash log");
+        EXPECT_EQ(entries["bb_events_dup.txt"], "<bb_events.txt>");
+        if (c.dumpEntry != nullptr) {
+            EXPECT_EQ(entries[c.dumpEntry], std::string(70000, '\xa5'));
+        }
+        // Everything else is inside the zip; the text stays, listed or not.
+        ZvAStringList onDisk;
+        ZvFileUtil::GetDirFiles(out.Path().c_str(), onDisk, "*", false);
+        EXPECT_EQ(onDisk.Count(), 2u);
+        EXPECT_EQ(ReadFile(out.File("crash.txt")), text);
+    }
+}
+
+TEST_F(CrashTidy, DecodeZipFailuresKeepTheFilesUnderTheirFinalNames) {
+    // A non-empty directory where the crash log should go: the rename fails.
+    const std::string out = P("out"), log = Files({"clfBBBBBB"})[0];
+    ASSERT_TRUE(ZvFileUtil::MakeDir(out.c_str()) &&
+                ZvFileUtil::MakeDir((out + "/crashlog.txt").c_str()) &&
+                WriteFile(out + "/crashlog.txt/x", ""));
+    ZvAtCrash::Response response;
+    response.crashLogFile = log.c_str();
+    response.coreDumpFile = Files({"exrBBBBBB"})[0];
+    response.crashInfoFile = Files({"crhBBBBBB"})[0];
+    const std::string noZip = "--Zavra debug info\nContent-Description: only.txt\n"
+                              "Content-Transfer-Encoding: text/plain\nno zip\n--Zavra debug info\n";
+    ASSERT_TRUE(WriteFile(response.crashInfoFile, noZip));
+    ZvAStringList files;
+    ZvAString error;
+    EXPECT_TRUE(ZvCrashDecodeZip(response, out.c_str(), files, &error, false));
+    EXPECT_EQ(error, "Failed to find the crash dump zip file in the crash information.");
+    EXPECT_EQ(Short(files), (Names{"clfBBBBBB", "extram.dmp", "crash.txt"}));
+    EXPECT_EQ(files[0], log);
+    EXPECT_EQ(ReadFile(log) + ReadFile(out + "/extram.dmp") + ReadFile(out + "/only.txt"),
+              "<clfBBBBBB><exrBBBBBB>no zip");
+
+    response = ZvAtCrash::Response();
+    response.crashInfoFile = P("crhCCCCCC").c_str();
+    ASSERT_TRUE(WriteFile(P("crhCCCCCC"), "--Zavra debug info\nContent-Type: x\nbody\nmore\n"));
+    EXPECT_TRUE(ZvCrashDecodeZip(response, out.c_str(), files, &error, false));
+    EXPECT_EQ(error, "Crash data encoding not specified.");
+    EXPECT_EQ(files[0], out + "/crash.txt");
+    EXPECT_FALSE(ZvCrashDecodeZip(ZvAtCrash::Response(), out.c_str(), files, nullptr, true));
+}
+
+} // namespace

@@ -1,0 +1,76 @@
+#include "crash_zip_reader.h"
+
+#include <sys/wait.h>
+
+#include <cstdio>
+
+namespace crash_test {
+
+namespace {
+
+std::string Quoted(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text)
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+// Runs python3 with `script` and `args`; its standard output, and true when it exited with 0.
+bool Python(const char* script, const std::vector<std::string>& args, std::string& output) {
+    std::string command = "python3 -c " + Quoted(script);
+    for (const std::string& arg : args)
+        command += " " + Quoted(arg);
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr)
+        return false;
+    char buffer[4096];
+    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        output.append(buffer, got);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+} // namespace
+
+bool ReadZip(const std::string& path, std::map<std::string, std::string>& entries) {
+    const char* script = "import sys, zipfile\n"
+                         "z = zipfile.ZipFile(sys.argv[1])\n"
+                         "if z.testzip(): sys.exit(1)\n"
+                         "for i in z.infolist(): print(i.filename, z.read(i).hex())\n";
+    std::string output;
+    entries.clear();
+    if (!Python(script, {path}, output))
+        return false;
+    for (size_t start = 0, end; (end = output.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        const size_t space = output.rfind(' ', end);
+        std::string& data = entries[output.substr(start, space - start)];
+        for (size_t i = space + 1; i + 1 < end; i += 2)
+            data += static_cast<char>(std::stoi(output.substr(i, 2), nullptr, 16));
+    }
+    return true;
+}
+
+bool WriteTargetZip(const std::string& path) {
+    FILE* pipe = popen(("base64 -d > " + Quoted(path)).c_str(), "w");
+    if (pipe == nullptr)
+        return false;
+    fputs(kTargetZipBase64, pipe);
+    return pclose(pipe) == 0;
+}
+
+const char* const kTargetZipBase64 =
+    "UEsDBBQAAAAIAACwd11wWvx5IAAAAB4AAAANAAAAYmJfZXZlbnRzLnR4dCtJLEpP\n"
+    "LVFILUvNKym2UkgsLk4tKlHIzFPIzi8y5AIAUEsDBBQAAAAAAACwd11zjAUpAAEA\n"
+    "AAABAAAIAAAAcmVncy5iaW4AAQIDBAUGBwgJCgsMDQ4PEBESExQVFhcYGRobHB0e\n"
+    "HyAhIiMkJSYnKCkqKywtLi8wMTIzNDU2Nzg5Ojs8PT4/QEFCQ0RFRkdISUpLTE1O\n"
+    "T1BRUlNUVVZXWFlaW1xdXl9gYWJjZGVmZ2hpamtsbW5vcHFyc3R1dnd4eXp7fH1+\n"
+    "f4CBgoOEhYaHiImKi4yNjo+QkZKTlJWWl5iZmpucnZ6foKGio6SlpqeoqaqrrK2u\n"
+    "r7CxsrO0tba3uLm6u7y9vr/AwcLDxMXGx8jJysvMzc7P0NHS09TV1tfY2drb3N3e\n"
+    "3+Dh4uPk5ebn6Onq6+zt7u/w8fLz9PX29/j5+vv8/f7/UEsBAhQDFAAAAAgAALB3\n"
+    "XXBa/HkgAAAAHgAAAA0AAAAAAAAAAAAAAIABAAAAAGJiX2V2ZW50cy50eHRQSwEC\n"
+    "FAMUAAAAAAAAsHddc4wFKQABAAAAAQAACAAAAAAAAAAAAAAAgAFLAAAAcmVncy5i\n"
+    "aW5QSwUGAAAAAAIAAgBxAAAAcQEAAAAA\n";
+const char* const kTargetEvents = "target events: assert in kor1\n";
+
+} // namespace crash_test
