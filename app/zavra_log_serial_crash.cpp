@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <mutex>
@@ -25,6 +26,14 @@ namespace {
 
 std::mutex g_workDirLock;
 std::string g_workDir;
+std::atomic<bool> g_checkRunning{false};
+
+// Marks the main thread as inside a crash check for the life of the object.
+class CheckRunning {
+public:
+    CheckRunning() { g_checkRunning = true; }
+    ~CheckRunning() { g_checkRunning = false; }
+};
 
 // Names of the bundle, each the base name followed by the suffix.
 const char* const kCrashLogSuffix = "-crashlog.txt";
@@ -125,6 +134,10 @@ bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir) {
     return true;
 }
 
+bool ZlbsCrashCheckRunning() {
+    return g_checkRunning;
+}
+
 void ZlbsCrashWorkDirRemove() {
     std::lock_guard<std::mutex> lock(g_workDirLock);
     if (!g_workDir.empty())
@@ -147,6 +160,11 @@ void Zlbs::CrashFileBaseName(ZvAString& name) {
 
 void Zlbs::CheckForTargetCrash() {
     if (args.crashCheckDisabled || atInterface.portName.empty())
+        return;
+    // Marked before the exiting flag is read: OnExit, which sets the flag first, then sees the
+    // mark whenever the check goes ahead.
+    CheckRunning running;
+    if (exiting)
         return;
     ZvAString baseName, crashDir, workDir, savedTempDir;
     CrashFileBaseName(baseName);

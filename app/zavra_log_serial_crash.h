@@ -21,5 +21,8 @@ private:
 // The private folder of one crash check, beside the crash files: it holds the retrieval's
 // temporary files and the decoded sections until they get their names. OnExit removes it, so a
 // run ended by a signal in the middle of a check leaves nothing behind.
+// True while the main thread is inside a crash check (waiting in device detection, talking to
+// the modem, or writing the bundle).
+bool ZlbsCrashCheckRunning();
 bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir);
 void ZlbsCrashWorkDirRemove();

@@ -2,6 +2,7 @@
 // the routing of SIGINT and SIGTERM.
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -91,6 +92,11 @@ void Zlbs::OnExit(int code) {
     }
     exitFinished = true;
     fflush(nullptr);
+    // The main thread may still be inside a crash check, in libudev or the file library: the
+    // static destructors of a normal exit (libudev unloaded among them) would pull them from
+    // under it.
+    if (ZlbsCrashCheckRunning())
+        _exit(exitCode);
     exit(exitCode);
 }
 
