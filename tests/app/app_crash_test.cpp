@@ -127,15 +127,20 @@ struct CrashRun {
         ASSERT_TRUE(zavra_test::StartInTestbed(tool, description, program, args)) << tool.Error();
     }
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
-    // Waits until the tool has printed `text`.
-    bool WaitForOutput(const std::string& text, int timeoutMs) {
+    // Waits until the tool has printed `text` `times` times.
+    bool WaitForOutput(const std::string& text, int timeoutMs, size_t times = 1) {
         const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (tool.Stderr().find(text) == std::string::npos) {
+        for (;;) {
+            const std::string err = tool.Stderr();
+            size_t count = 0;
+            for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + 1))
+                ++count;
+            if (count >= times)
+                return true;
             if (Clock::now() > end || !tool.Running())
-                return tool.Stderr().find(text) != std::string::npos;
+                return false;
             usleep(20000);
         }
-        return true;
     }
     // What the modem's section of this name holds, decoded.
     std::string Section(const std::string& description) const {
@@ -383,13 +388,6 @@ std::vector<std::string> Logs(const std::string& dir) {
     return logs;
 }
 
-size_t Count(const std::string& text, const std::string& part) {
-    size_t count = 0;
-    for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
-        ++count;
-    return count;
-}
-
 // In daemon mode each crash gets a bundle named after the log that was being written, beside
 // the logs; the store re-opens the port when the modem is back and a later crash of a later log
 // gets a bundle of its own.
@@ -409,10 +407,7 @@ TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
     const uint64_t sent = run.bench.modem.Counters().sent;
     ASSERT_TRUE(run.bench.modem.WaitForSent(sent + (64u << 10), 20000));
     run.bench.modem.Crash();
-    const Clock::time_point end = Clock::now() + std::chrono::seconds(60);
-    while (Count(run.tool.Stderr(), saved) < 2 && Clock::now() < end && run.tool.Running())
-        usleep(50000);
-    ASSERT_EQ(Count(run.tool.Stderr(), saved), 2u) << run.tool.Stderr();
+    ASSERT_TRUE(run.WaitForOutput(saved, 60000, 2)) << run.tool.Stderr();
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
 
