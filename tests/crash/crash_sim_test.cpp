@@ -84,8 +84,6 @@ protected:
     }
 
     zsim::ModemOptions options;
-    RecordingCrash crash{true};
-    ZvAtCrash::Response response;
     size_t commandsBefore = 0;
 
 private:
@@ -95,55 +93,48 @@ private:
 
 } // namespace
 
-TEST_F(SimCrash, TheLoaderIsSeenOnlyAfterTheCrash) {
-    Start(CrashFault::None);
-    ASSERT_TRUE(modem().WaitForAtMode(0, 10000));
-    EXPECT_FALSE(ZvAtIsModemInLoaderMode(modem().AtPortPath().c_str()));
-    CrashAndWaitForLoader();
-    EXPECT_TRUE(ZvAtIsModemInLoaderMode(modem().AtPortPath().c_str()));
-    EXPECT_EQ((Strings{"at%mode?\r", "at%mode?\r"}), Commands());
-}
-
-TEST_F(SimCrash, OverThePtyTheThreeFilesHoldWhatTheModemServed) {
-    Start(CrashFault::None);
-    CrashAndWaitForLoader();
-    EXPECT_TRUE(crash.GetCrash(modem().AtPortPath().c_str(), response));
-    EXPECT_EQ("", crash.errorText);
-    EXPECT_EQ((Strings{kChecking, "Reading core dump of 300000 bytes.", kRetrievedInfo}),
-              crash.statuses);
-    EXPECT_TRUE(response.crashFound);
-    EXPECT_FALSE(response.coreDumpRaw);
-    EXPECT_EQ("exr crh clf", Kept(response));
-    EXPECT_TRUE(Text(modem().CoreDumpImage()) == zavra_test::ReadFile(response.coreDumpFile))
-        << "the core dump is not the image byte for byte";
-    EXPECT_EQ(Text(modem().CrashInfoText()), zavra_test::ReadFile(response.crashInfoFile));
-    EXPECT_EQ(Text(modem().CrashLogText()), zavra_test::ReadFile(response.crashLogFile));
-    EXPECT_EQ((Strings{"at%debug=?\r", "at%mode?\r", "at%debug=2,1\r", "at%debug=0,0\r",
-                       "at%debug\r", "at%debug=99\r", "at%mode=0\r", "at%zreset\r"}),
-              Commands());
-    EXPECT_TRUE(modem().WaitForAtMode(0, 10000)) << "the modem was reset";
-}
-
-TEST_F(SimCrash, OverTcpTheCheckWaitsForThePortAndRetrievesTheCrash) {
-    options.crash.restartMs = 1200; // a few refused attempts before the loader answers
-    Start(CrashFault::None);
-    modem().Crash(); // the TCP AT port goes away at once and comes back in the loader
-    ASSERT_TRUE(modem().WaitForCrashed(10000));
-    const unsigned start = ZvTime::GetMsTickTime();
-    EXPECT_TRUE(crash.CheckForCrashSocket(modem().AtSocketPort(), "127.0.0.1", response));
-    EXPECT_GE(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u);
-    EXPECT_EQ("", crash.errorText);
-    EXPECT_EQ((Strings{"Possible target crash.",
-                       "Waiting for device to restart (takes about 30 seconds).", kChecking,
-                       "Reading core dump of 300000 bytes.", kRetrievedInfo}),
-              crash.statuses);
-    EXPECT_FALSE(response.coreDumpRaw);
-    EXPECT_TRUE(Text(modem().CoreDumpImage()) == zavra_test::ReadFile(response.coreDumpFile));
-    EXPECT_EQ(Text(modem().CrashInfoText()), zavra_test::ReadFile(response.crashInfoFile));
-    EXPECT_EQ(Text(modem().CrashLogText()), zavra_test::ReadFile(response.crashLogFile));
-    EXPECT_EQ((Strings{"at%debug=?\r", "at%mode?\r", "at%debug=2,1\r", "at%debug=0,0\r",
-                       "at%debug\r", "at%debug=99\r", "at%mode=0\r", "at%zreset\r"}),
-              Commands());
+TEST_F(SimCrash, TheThreeFilesHoldWhatTheModemServedOverItsPtyAndOverTcp) {
+    const std::string reading = "Reading core dump of 300000 bytes.";
+    for (bool tcp : {false, true}) {
+        SCOPED_TRACE(tcp ? "tcp" : "pty");
+        RecordingCrash crash(true); // with the history command
+        ZvAtCrash::Response response;
+        options.crash.restartMs = 1200; // over TCP, a few refused attempts before the loader
+        Start(CrashFault::None);
+        Strings statuses = {kChecking, reading, kRetrievedInfo};
+        if (tcp) {
+            modem().Crash(); // the TCP AT port goes away at once and comes back in the loader
+            ASSERT_TRUE(modem().WaitForCrashed(10000));
+            const unsigned start = ZvTime::GetMsTickTime();
+            EXPECT_TRUE(crash.CheckForCrashSocket(modem().AtSocketPort(), "127.0.0.1", response));
+            EXPECT_GE(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u);
+            statuses.insert(statuses.begin(),
+                            {"Possible target crash.",
+                             "Waiting for device to restart (takes about 30 seconds)."});
+        } else {
+            ASSERT_TRUE(modem().WaitForAtMode(0, 10000));
+            EXPECT_FALSE(ZvAtIsModemInLoaderMode(modem().AtPortPath().c_str()));
+            CrashAndWaitForLoader();
+            EXPECT_TRUE(ZvAtIsModemInLoaderMode(modem().AtPortPath().c_str()));
+            commandsBefore += 2; // the two mode queries
+            EXPECT_TRUE(crash.GetCrash(modem().AtPortPath().c_str(), response));
+        }
+        EXPECT_EQ("", crash.errorText);
+        EXPECT_EQ(statuses, crash.statuses);
+        EXPECT_FALSE(response.coreDumpRaw);
+        EXPECT_EQ("exr crh clf", Kept(response));
+        EXPECT_TRUE(Text(modem().CoreDumpImage()) == zavra_test::ReadFile(response.coreDumpFile))
+            << "the core dump is not the image byte for byte";
+        EXPECT_EQ(Text(modem().CrashInfoText()), zavra_test::ReadFile(response.crashInfoFile));
+        EXPECT_EQ(Text(modem().CrashLogText()), zavra_test::ReadFile(response.crashLogFile));
+        EXPECT_EQ((Strings{"at%debug=?\r", "at%mode?\r", "at%debug=2,1\r", "at%debug=0,0\r",
+                           "at%debug\r", "at%debug=99\r", "at%mode=0\r", "at%zreset\r"}),
+                  Commands());
+        EXPECT_TRUE(modem().WaitForAtMode(0, 10000)) << "the modem was reset";
+        for (const ZvAString* path :
+             {&response.coreDumpFile, &response.crashInfoFile, &response.crashLogFile})
+            ZvFileUtil::DelFile(path->c_str());
+    }
 }
 
 TEST_F(SimCrash, EachFaultOfTheDialogueGivesItsReportsFilesAndCommands) {
@@ -244,6 +235,8 @@ TEST_F(SimCrash, SmallCrashInformationAndLogAreDroppedAndALogAloneIsNoCrash) {
     ASSERT_TRUE(zavra_test::WriteFile(infoPath, std::string(200, 'i')));
     options.crash.crashInfoFile = infoPath;
     options.crash.crashLogText = std::string(201, 'l');
+    RecordingCrash crash;
+    ZvAtCrash::Response response;
     Start(CrashFault::NoFullDump);
     CrashAndWaitForLoader();
     EXPECT_FALSE(crash.GetCrash(modem().AtPortPath().c_str(), response));
@@ -253,6 +246,8 @@ TEST_F(SimCrash, SmallCrashInformationAndLogAreDroppedAndALogAloneIsNoCrash) {
 }
 
 TEST_F(SimCrash, APortThatNeverComesBackLeavesItsOpenError) {
+    RecordingCrash crash;
+    ZvAtCrash::Response response;
     Start(CrashFault::NeverComesBack);
     modem().Crash();
     ASSERT_TRUE(modem().WaitForCrashed(10000));
