@@ -6,7 +6,6 @@
 
 #include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
-#include "zv-file-util.h"
 #include "zv-time.h"
 
 int exitCode = 0;
@@ -170,20 +169,13 @@ void Zlbs::HandlePortFailure() {
     if (exiting)
         return;
     serial.OnClose();
-    // The target crash check over the AT interface found at initialisation comes here, with
-    // files named after CrashFileBaseName().
+    CheckForTargetCrash();
+    // A signal during the check: OnExit is ending the run with its status.
+    if (exiting)
+        return;
     if (args.daemonMode && !args.exitOnPortFailure) {
         ZlbsDaemonPortFailed(*this);
         return;
     }
     OnExit(50);
-}
-
-void Zlbs::CrashFileBaseName(ZvAString& name) {
-    if (args.daemonMode) {
-        ZlbsDaemonCrashFileName(*this, name);
-    } else {
-        name = args.filenameRoot;
-        ZvFileUtil::StripExt(name);
-    }
 }

@@ -10,6 +10,7 @@
 #include "zavra_log_serial_args.h"
 #include "zavra_log_serial_rx.h"
 #include "zavra_log_serial_socket.h"
+#include "zv-at-port-util.h"
 #include "zv-device-detect.h"
 #include "zv-itf-serial.h"
 #include "zv-log.h"
@@ -48,6 +49,9 @@ public:
     void OutputStats();
     // The base of the names of files about a target crash: the current log without extension.
     void CrashFileBaseName(ZvAString& name);
+    // Names the retrieved crash files after `baseName`, decodes the crash information and
+    // packs everything into the crash zip.
+    void ProcessTargetCrashResponse(ZvAtCrash::Response& response, const ZvAString& baseName);
 
     ZvVer version;
     ZlbsArgData args;
@@ -85,6 +89,9 @@ private:
     [[noreturn]] void PortOpenFailed();
     int WaitLoop();
     void HandlePortFailure();
+    // After a port failure, unless disabled: the crash check on the AT interface found at
+    // target initialisation, and the crash bundle when the modem crashed.
+    void CheckForTargetCrash();
 };
 
 // The one application object, alive until the process exits.

@@ -2,11 +2,13 @@
 // the routing of SIGINT and SIGTERM.
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 
 #include "zavra_log_serial_app.h"
+#include "zavra_log_serial_crash.h"
 #include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
 #include "zv-thread.h"
@@ -49,6 +51,8 @@ void Zlbs::OnExit(int code) {
     }
     exitCode = code;
     scriptReader.Close();
+    // A crash check still running loses its half-retrieved files, but leaves none behind.
+    ZlbsCrashWorkDirRemove();
 
     if (serial.IsOpen()) {
         if (!ZlbsTgtDbActive(*this)) {
@@ -88,6 +92,11 @@ void Zlbs::OnExit(int code) {
     }
     exitFinished = true;
     fflush(nullptr);
+    // The main thread may still be inside a crash check, in libudev or the file library: the
+    // static destructors of a normal exit (libudev unloaded among them) would pull them from
+    // under it.
+    if (ZlbsCrashCheckRunning())
+        _exit(exitCode);
     exit(exitCode);
 }
 

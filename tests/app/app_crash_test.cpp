@@ -1,0 +1,443 @@
+// A modem crash end to end: the real tool in a umockdev testbed where the simulated modem's two
+// ptys are the tty interfaces of one USB modem (the AT port first), so that the tool finds the
+// AT port through the real libudev; the simulator's crash mode at the other end. Zips are read
+// back with Python's zipfile.
+#include <dirent.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <set>
+
+#include "app_test_tool.h"
+#include "zavra_test_net.h"
+#include "zavra_test_udev.h"
+
+namespace apptest {
+namespace {
+
+using Entries = std::map<std::string, std::string>;
+using Clock = std::chrono::steady_clock;
+
+// The entries of a zip and their contents, read by Python's zipfile after its CRC check of
+// every entry; empty when the zip cannot be read.
+Entries ReadZip(const std::string& zip, const zavra_test::TempDir& scratch) {
+    static int calls = 0;
+    const std::string out = scratch.File("unzipped" + std::to_string(++calls));
+    const std::string script = scratch.File("readzip.py");
+    zavra_test::WriteFile(script, "import sys, zipfile\n"
+                                  "z = zipfile.ZipFile(sys.argv[1])\n"
+                                  "assert z.testzip() is None\n"
+                                  "z.extractall(sys.argv[2])\n"
+                                  "print('\\n'.join(z.namelist()))\n");
+    Entries entries;
+    FILE* names = popen(("python3 '" + script + "' '" + zip + "' '" + out + "'").c_str(), "r");
+    if (names == nullptr)
+        return entries;
+    char line[512];
+    while (fgets(line, sizeof line, names) != nullptr) {
+        std::string name(line);
+        if (!name.empty() && name.back() == '\n')
+            name.pop_back();
+        entries[name] = zavra_test::ReadFile(out + "/" + name);
+    }
+    if (pclose(names) != 0)
+        entries.clear();
+    return entries;
+}
+
+void ExpectEntries(const Entries& got, const Entries& expected) {
+    std::set<std::string> gotNames, expectedNames;
+    for (const auto& entry : got)
+        gotNames.insert(entry.first);
+    for (const auto& entry : expected)
+        expectedNames.insert(entry.first);
+    ASSERT_EQ(gotNames, expectedNames);
+    for (const auto& entry : expected)
+        EXPECT_TRUE(got.at(entry.first) == entry.second)
+            << entry.first << ": " << got.at(entry.first).size() << " bytes, expected "
+            << entry.second.size();
+}
+
+// The names in a directory, without "." and "..".
+std::set<std::string> Names(const std::string& dir) {
+    std::set<std::string> names;
+    if (DIR* handle = opendir(dir.c_str())) {
+        while (dirent* entry = readdir(handle))
+            if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..")
+                names.insert(entry->d_name);
+        closedir(handle);
+    }
+    return names;
+}
+
+// Names the retrieval or the bundle uses while it works; none may outlive a run.
+std::set<std::string> Leftovers(const std::string& dir) {
+    std::set<std::string> found;
+    for (const std::string& name : Names(dir))
+        for (const char* prefix : {".zavra-crash", "exr", "crh", "clf"})
+            if (name.rfind(prefix, 0) == 0)
+                found.insert(name);
+    return found;
+}
+
+std::string Text(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+
+std::string PortFail(const std::string& text) {
+    char line[256];
+    snprintf(line, sizeof line, "PORT-FAIL: %-60s\n", text.c_str());
+    return line;
+}
+
+const std::vector<std::string> kDumpedAndReset = {"at%debug=?\r",   "at%mode?\r", "at%debug=2,1\r",
+                                                  "at%debug=0,0\r", "at%debug\r", "at%mode=0\r",
+                                                  "at%zreset\r"};
+
+// A modem that crashes once its stream passed 256 KiB, described to udev as one USB modem.
+struct CrashRun {
+    Bench bench;
+    zavra_test::Process tool;
+
+    CrashRun() {
+        bench.options.gen.enabled = true;
+        bench.options.gen.bytesPerSecond = 2u << 20;
+        bench.options.crash.atPort = true;
+        bench.options.crash.afterBytes = 256u << 10;
+        bench.options.crash.coreDumpSize = 300000; // several reads of the tool's 50000 bytes
+        bench.options.crash.restartMs = 300;
+    }
+    // Runs the tool with -d<port> and `args`, in the directory `cwd` when one is given.
+    void Start(std::vector<std::string> args, const std::string& cwd = "") {
+        bench.StartModem();
+        const std::string description = bench.dir.File("modem.umockdev");
+        ASSERT_TRUE(zavra_test::WriteUsbModem(description,
+                                              {bench.modem.AtPortPath(), bench.modem.PortPath()}));
+        std::string program = ZAVRA_LOG_SERIAL_PATH;
+        args.insert(args.begin(), "-d" + bench.Port());
+        if (!cwd.empty()) {
+            args.insert(args.begin(), {"-c", "cd \"$0\" && exec \"$@\"", cwd, program});
+            program = "/bin/sh";
+        }
+        ASSERT_TRUE(zavra_test::StartInTestbed(tool, description, program, args)) << tool.Error();
+    }
+    std::string Path(const std::string& name) const { return bench.dir.File(name); }
+    // Waits until the tool has printed `text` `times` times.
+    bool WaitForOutput(const std::string& text, int timeoutMs, size_t times = 1) {
+        const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
+        for (;;) {
+            const std::string err = tool.Stderr();
+            size_t count = 0;
+            for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + 1))
+                ++count;
+            if (count >= times)
+                return true;
+            if (Clock::now() > end || !tool.Running())
+                return false;
+            usleep(20000);
+        }
+    }
+    // What the modem's section of this name holds, decoded.
+    std::string Section(const std::string& description) const {
+        for (const zsim::CrashSection& section : zsim::BuiltInCrashSections())
+            if (section.description == description)
+                return section.content;
+        ADD_FAILURE() << "no section " << description;
+        return "";
+    }
+    // The bundle zip of the built-in crash information: the modem's own zip with the joined
+    // per-core logs, the other sections, the crash log (named after the log) and the dump.
+    Entries ExpectedZip(const std::string& crashLogName, bool dump) {
+        const std::string modemZip = bench.dir.File("modem-zip.zip");
+        zavra_test::WriteFile(modemZip, Section("crash_dump_1.zip"));
+        Entries expected = ReadZip(modemZip, bench.dir);
+        EXPECT_FALSE(expected.empty()) << "the modem's own zip is unreadable";
+        for (const char* kor : {"0", "1"})
+            expected[std::string("logging_kor_thread") + kor + ".zol"] =
+                Section(std::string("logging_kor") + kor + "_chunk1.zol") +
+                Section(std::string("logging_kor") + kor + "_chunk2.zol");
+        expected["logging_kor2_chunk1.zol"] = Section("logging_kor2_chunk1.zol");
+        expected["bb_events_dup.txt"] = Section("bb_events.txt");
+        expected["crash_summary.txt"] = Section("crash_summary.txt");
+        expected[crashLogName] = Text(bench.modem.CrashLogText());
+        if (dump)
+            expected["extram.bin"] = Text(bench.modem.CoreDumpImage());
+        return expected;
+    }
+};
+
+TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
+    CrashRun run;
+    run.Start({"-v5", run.bench.Out()});
+    ExpectExit(run.tool, 50, 60000);
+    const std::string err = run.tool.Stderr();
+    EXPECT_NE(err.find("Found modem port " + run.bench.modem.AtPortPath() +
+                       ", Zavra ZM200 Modem, 1e2d_0061_00_SN0001"),
+              std::string::npos)
+        << err;
+    for (const char* status :
+         {"Possible target crash.", "Waiting for device to restart (takes about 10 seconds).",
+          "Checking if target crash information is available.",
+          "Reading core dump of 300000 bytes.", "Retrieved crash dump information."})
+        EXPECT_NE(err.find(PortFail(status)), std::string::npos) << status << "\n" << err;
+    EXPECT_NE(err.find("TARGET-CRASH: Crash ZIP saved to '" + run.Path("out-crash.zip") + "'\n"),
+              std::string::npos)
+        << err;
+    EXPECT_EQ(run.bench.modem.AtCommands(), kDumpedAndReset);
+
+    // Every byte the modem delivered before it crashed is in the capture.
+    const zsim::ModemCounters counters = run.bench.modem.Counters();
+    EXPECT_EQ(counters.discarded, 0u);
+    EXPECT_GE(counters.streamBytes, run.bench.options.crash.afterBytes);
+    ExpectCaptured(run.bench.Out(), run.bench, counters.delivered);
+
+    // The bundle: the crash information as sent, and one zip holding everything else.
+    std::set<std::string> bundle;
+    for (const std::string& name : Names(run.bench.dir.Path()))
+        if (name.rfind("out", 0) == 0)
+            bundle.insert(name);
+    EXPECT_EQ(bundle, (std::set<std::string>{"out-crash.txt", "out-crash.zip", "out.zom"}));
+    EXPECT_TRUE(zavra_test::ReadFile(run.Path("out-crash.txt")) ==
+                Text(run.bench.modem.CrashInfoText()));
+    ExpectEntries(ReadZip(run.Path("out-crash.zip"), run.bench.dir),
+                  run.ExpectedZip("out-crashlog.txt", true));
+    EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+}
+
+// Capture to a socket client only: no log to name the bundle after, so it goes to the current
+// directory under the time of the failure.
+TEST(Crash, SocketOnlyCaptureNamesTheBundleByTheTime) {
+    CrashRun run;
+    run.bench.options.crash.afterBytes = 64u << 10; // within the socket's buffers
+    const int port = zavra_test::FreeTcpPort();
+    const std::string cwd = run.Path("cwd");
+    ASSERT_EQ(mkdir(cwd.c_str(), 0755), 0);
+    run.Start({"-p" + std::to_string(port)}, cwd);
+    const int client = zavra_test::ConnectTcp(port, 20000);
+    ASSERT_GE(client, 0) << run.tool.Stderr();
+    ExpectExit(run.tool, 50, 60000);
+    close(client);
+    const std::set<std::string> names = Names(cwd);
+    ASSERT_EQ(names.size(), 2u) << run.tool.Stderr();
+    const std::string zip = *names.rbegin(), base = zip.substr(0, zip.rfind("-crash.zip"));
+    EXPECT_EQ(*names.begin(), base + "-crash.txt");
+    EXPECT_EQ(base.size(), strlen("zavra_log_yy-mm-dd_hh-mm-ss")) << base;
+    EXPECT_EQ(base.rfind("zavra_log_", 0), 0u) << base;
+    ExpectEntries(ReadZip(cwd + "/" + zip, run.bench.dir),
+                  run.ExpectedZip(base + "-crashlog.txt", true));
+}
+
+// A modem that keeps its full dump to itself: the crash information and the crash log still
+// make a bundle, and the commands show what was (not) asked.
+TEST(Crash, ModemsWithoutAFullDumpStillGiveABundle) {
+    const struct {
+        zsim::CrashFault fault;
+        std::vector<std::string> commands;
+    } cases[] = {
+        {zsim::CrashFault::NoFullDump,
+         {"at%debug=?\r", "at%mode?\r", "at%debug=0,0\r", "at%debug\r", "at%mode=0\r",
+          "at%zreset\r"}},
+        {zsim::CrashFault::ModemMode,
+         {"at%debug=?\r", "at%mode?\r", "at%debug=0,0\r", "at%debug\r"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(zsim::CrashFaultName(c.fault));
+        CrashRun run;
+        run.bench.options.crash.fault = c.fault;
+        run.Start({run.bench.Out()});
+        ExpectExit(run.tool, 50, 60000);
+        EXPECT_EQ(run.bench.modem.AtCommands(), c.commands);
+        EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.bin")));
+        ExpectEntries(ReadZip(run.Path("out-crash.zip"), run.bench.dir),
+                      run.ExpectedZip("out-crashlog.txt", false));
+        EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+    }
+}
+
+// Crash information without the modem's zip: nothing to add to, so every file stays, under the
+// names of the bundle, and the decoded sections in a folder of their own.
+TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
+    const std::string events = "MDEyMzQ1Njc4OWFiY2RlZjAxMjM0NTY3ODlhYmNkZWYwMTIzNDU2Nzg5YWJjZGVm";
+    const std::string info = "--Zavra debug info\r\n"
+                             "Content-Description: bb_events.txt\r\n"
+                             "Content-Transfer-Encoding: x-base64\r\n\r\n" +
+                             events + "\r\n" + events + "\r\n" + events + "\r\n" + events + "\r\n" +
+                             events +
+                             "\r\n--Zavra debug info\r\n"
+                             "Content-Description: crash_summary.txt\r\n"
+                             "Content-Transfer-Encoding: text/plain\r\n\r\n"
+                             "line one\r\nline two\r\n"
+                             "--Zavra debug info--\r\n";
+    CrashRun run;
+    run.bench.options.crash.crashInfoFile = run.Path("info.txt");
+    ASSERT_TRUE(zavra_test::WriteFile(run.bench.options.crash.crashInfoFile, info));
+    // An earlier crash of the same log left a bundle of another shape: it is replaced, not mixed.
+    for (const char* stale : {"out-crash.zip", "out-extram.dmp", "out-crashlog.txt"})
+        ASSERT_TRUE(zavra_test::WriteFile(run.Path(stale), "earlier crash"));
+    ASSERT_EQ(mkdir(run.Path("out-crash-files").c_str(), 0755), 0);
+    ASSERT_TRUE(zavra_test::WriteFile(run.Path("out-crash-files/stale.txt"), "earlier crash"));
+    run.Start({run.bench.Out()});
+    ExpectExit(run.tool, 50, 60000);
+    const std::string err = run.tool.Stderr();
+    EXPECT_NE(err.find("TARGET-CRASH: Failed to find the crash dump zip file in the crash "
+                       "information.\n"),
+              std::string::npos)
+        << err;
+    EXPECT_NE(
+        err.find("TARGET-CRASH: Crash files saved in '" + run.Path("out-crash-files") + "'\n"),
+        std::string::npos)
+        << err;
+    EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
+    EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.dmp")));
+    EXPECT_EQ(Names(run.Path("out-crash-files")),
+              (std::set<std::string>{"bb_events.txt", "crash_summary.txt"}));
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash.txt")), info);
+    EXPECT_TRUE(zavra_test::ReadFile(run.Path("out-extram.bin")) ==
+                Text(run.bench.modem.CoreDumpImage()));
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crashlog.txt")),
+              Text(run.bench.modem.CrashLogText()));
+    // Readable like the log beside them, though they began as private temporary files.
+    struct stat log, kept;
+    ASSERT_EQ(stat(run.bench.Out().c_str(), &log), 0);
+    for (const char* name : {"out-crash.txt", "out-crashlog.txt", "out-extram.bin"}) {
+        ASSERT_EQ(stat(run.Path(name).c_str(), &kept), 0);
+        EXPECT_EQ(kept.st_mode & 0777, log.st_mode & 0777) << name;
+    }
+    std::string sixteen = "0123456789abcdef", expectedEvents;
+    for (int i = 0; i < 15; ++i)
+        expectedEvents += sixteen;
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash-files/bb_events.txt")), expectedEvents);
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash-files/crash_summary.txt")),
+              "line one\nline two");
+    EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+}
+
+// The AT port never comes back: the wait of 35 attempts of 400 ms ends and says why; a signal
+// during that wait ends the run at once with its own status.
+TEST(Crash, AnAtPortThatNeverComesBackEndsTheWaitOrASignalDoes) {
+    for (bool signal : {true, false}) {
+        SCOPED_TRACE(signal ? "SIGTERM" : "the whole wait");
+        CrashRun run;
+        run.bench.options.crash.fault = zsim::CrashFault::NeverComesBack;
+        run.Start({run.bench.Out()});
+        const std::string waiting =
+            PortFail("Waiting for device to restart (takes about 10 seconds).");
+        ASSERT_TRUE(run.WaitForOutput(waiting, 30000)) << run.tool.Stderr();
+        const Clock::time_point start = Clock::now();
+        if (signal) {
+            run.tool.Signal(SIGTERM);
+            ExpectExit(run.tool, 15, 1000);
+        } else {
+            ExpectExit(run.tool, 50, 60000);
+            EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(12000));
+            const std::string err = run.tool.Stderr();
+            EXPECT_NE(err.find(PortFail("No crash information detected (port could not be "
+                                        "opened).")),
+                      std::string::npos)
+                << err;
+            EXPECT_NE(err.find("PORT-FAIL: AT port '" + run.bench.modem.AtPortPath() +
+                               "': Failed to open AT port ("),
+                      std::string::npos)
+                << err;
+        }
+        EXPECT_EQ(run.bench.modem.AtCommands(), std::vector<std::string>());
+        EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+    }
+}
+
+// A signal in the middle of the retrieval ends the run with its status. The retrieval's files
+// are all in the check's own folder beside the log, which goes: nothing is left there, nor in
+// the current directory.
+TEST(Crash, ASignalDuringTheRetrievalLeavesNoFileBehind) {
+    CrashRun run;
+    const std::string cwd = run.Path("cwd");
+    ASSERT_EQ(mkdir(cwd.c_str(), 0755), 0);
+    run.Start({run.bench.Out()}, cwd);
+    // The crash information and the crash log are still to come, each ending on 300 ms of quiet.
+    ASSERT_TRUE(run.WaitForOutput(PortFail("Reading core dump of 300000 bytes."), 30000))
+        << run.tool.Stderr();
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15, 5000);
+    EXPECT_EQ(Names(cwd), std::set<std::string>());
+    EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+    EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
+}
+
+TEST(Crash, WithoutTheCheckNoAtCommandIsSent) {
+    CrashRun run;
+    run.Start({"-t", "-v5", run.bench.Out()});
+    ExpectExit(run.tool, 50, 60000);
+    EXPECT_EQ(run.tool.Stderr().find("Found modem port"), std::string::npos);
+    EXPECT_EQ(run.tool.Stderr().find("PORT-FAIL"), std::string::npos);
+    // A check runs before the exit: whatever it would have sent has arrived by now.
+    EXPECT_EQ(run.bench.modem.AtCommands(), std::vector<std::string>());
+    EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.txt")));
+}
+
+// The ".zom" logs of a daemon directory, by name without the extension.
+std::vector<std::string> Logs(const std::string& dir) {
+    std::vector<std::string> logs;
+    for (const std::string& name : Names(dir))
+        if (name.size() > 4 && name.compare(name.size() - 4, 4, ".zom") == 0)
+            logs.push_back(name.substr(0, name.size() - 4));
+    return logs;
+}
+
+// In daemon mode each crash gets a bundle named after the log that was being written, beside
+// the logs; the store re-opens the port when the modem is back and a later crash of a later log
+// gets a bundle of its own.
+TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
+    CrashRun run;
+    // Logs are named by the second they start: the first crash comes a second or more after the
+    // start, so that the log after it has a name of its own.
+    run.bench.options.gen.bytesPerSecond = 200u << 10;
+    const std::string store = run.Path("logs");
+    run.Start({"-a" + store});
+    const std::string saved = "TARGET-CRASH: Crash ZIP saved to '";
+    ASSERT_TRUE(run.WaitForOutput(saved, 60000)) << run.tool.Stderr();
+
+    // Logging resumes: the modem's port is back, the channel open again, a new log growing.
+    ASSERT_TRUE(run.bench.modem.WaitForConnection(1, 30000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitForChannelOpen(true, 20000)) << run.tool.Stderr();
+    const uint64_t sent = run.bench.modem.Counters().sent;
+    ASSERT_TRUE(run.bench.modem.WaitForSent(sent + (64u << 10), 20000));
+    run.bench.modem.Crash();
+    ASSERT_TRUE(run.WaitForOutput(saved, 60000, 2)) << run.tool.Stderr();
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+
+    // The first two logs have their bundles (a third may have begun when the port came back).
+    const std::vector<std::string> logs = Logs(store);
+    ASSERT_GE(logs.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+        const std::string log = logs[i];
+        SCOPED_TRACE(log);
+        EXPECT_NE(run.tool.Stderr().find(saved + store + "/" + log + "-crash.zip'"),
+                  std::string::npos);
+        EXPECT_TRUE(zavra_test::FileExists(store + "/" + log + "-crash.txt"));
+        ExpectEntries(ReadZip(store + "/" + log + "-crash.zip", run.bench.dir),
+                      run.ExpectedZip(log + "-crashlog.txt", true));
+    }
+    EXPECT_EQ(Leftovers(store), std::set<std::string>());
+}
+
+// With -x the daemon ends on the port failure, after the check.
+TEST(CrashDaemon, ExitOnPortFailureChecksFirst) {
+    CrashRun run;
+    const std::string store = run.Path("logs");
+    run.Start({"-a" + store, "-x"});
+    ExpectExit(run.tool, 50, 60000);
+    const std::vector<std::string> logs = Logs(store);
+    ASSERT_EQ(logs.size(), 1u);
+    ExpectEntries(ReadZip(store + "/" + logs[0] + "-crash.zip", run.bench.dir),
+                  run.ExpectedZip(logs[0] + "-crashlog.txt", true));
+    EXPECT_EQ(run.bench.modem.AtCommands(), kDumpedAndReset);
+}
+
+} // namespace
+} // namespace apptest
