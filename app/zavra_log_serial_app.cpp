@@ -6,6 +6,7 @@
 
 #include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
+#include "zv-file-util.h"
 #include "zv-time.h"
 
 int exitCode = 0;
