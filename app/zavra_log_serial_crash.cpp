@@ -180,6 +180,9 @@ void Zlbs::CheckForTargetCrash() {
         ZvLog::Error("Failed to create a folder for crash files in '%s' (%s).", crashDir.c_str(),
                      strerror(errno));
 
+    // The statistics line rewrites itself in place: end it, so the check's lines stand alone.
+    if (statsOn)
+        fputc('\n', stderr);
     ZluAtCrash crash(&exiting);
     ZvAtCrash::Response response;
     crash.CheckForCrash(&atInterface, response);
