@@ -6,8 +6,8 @@
 #include <functional>
 #include <thread>
 
-#include "at_peer.h"
 #include "crash_recorder.h"
+#include "zavra_test_at.h"
 #include "zavra_test_files.h"
 #include "zv-at-core-dump.h"
 #include "zv-device-detect.h"
@@ -65,50 +65,45 @@ private:
 
 } // namespace
 
-TEST_F(CrashWait, ASignalDrivenStopEndsTheWaitWithinOneAttempt) {
-    RefusingPort refusing;
+// Each wait stopped by a signal after a second, and stopped before it began.
+TEST_F(CrashWait, AStopEndsTheWaitWithinOneAttemptOrBeforeIt) {
+    zavra_test::HeldPort refusing;
     for (const Wait& wait : Waits(refusing.Port())) {
-        SCOPED_TRACE(wait.name);
-        g_stopRequested = 0;
-        RecordingCrash crash;
-        ZvAtCrash::Response response;
-        response.crashFound = true;
-        std::atomic<unsigned> signalled{0};
-        std::thread stopper([&] {
-            ZvTime::Sleep(1000);
-            signalled = ZvTime::GetMsTickTime();
-            kill(getpid(), SIGUSR1);
-        });
-        const unsigned start = ZvTime::GetMsTickTime();
-        EXPECT_FALSE(wait.run(crash, response));
-        const unsigned end = ZvTime::GetMsTickTime();
-        stopper.join();
-        // One attempt is a 400 ms sleep plus a detection refresh; the whole wait is 14 or 30 s.
-        EXPECT_GE(ZvTime::DiffMsTime(start, end), 900u);
-        EXPECT_LT(ZvTime::DiffMsTime(signalled.load(), end), 2500u);
-        EXPECT_EQ((std::vector<std::string>{"Possible target crash.", wait.waitStatus,
-                                            "Crash check cancelled."}),
-                  crash.statuses);
-        EXPECT_EQ("", crash.errorText);
-        EXPECT_FALSE(response.crashFound);
-    }
-}
-
-TEST_F(CrashWait, AStopAlreadyRequestedReportsNothing) {
-    RefusingPort refusing;
-    for (const Wait& wait : Waits(refusing.Port())) {
-        SCOPED_TRACE(wait.name);
-        g_stopRequested = 1;
-        RecordingCrash crash;
-        crash.errorText = "stale";
-        ZvAtCrash::Response response;
-        response.crashFound = true;
-        const unsigned start = ZvTime::GetMsTickTime();
-        EXPECT_FALSE(wait.run(crash, response));
-        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 300u);
-        EXPECT_EQ("Checking for crash information was stopped.", crash.errorText);
-        EXPECT_TRUE(crash.statuses.empty());
-        EXPECT_FALSE(response.crashFound);
+        for (bool early : {false, true}) {
+            SCOPED_TRACE(std::string(wait.name) + (early ? " stopped before" : " signalled"));
+            g_stopRequested = early;
+            RecordingCrash crash;
+            crash.errorText = "stale";
+            ZvAtCrash::Response response;
+            response.crashFound = true;
+            std::atomic<unsigned> signalled{0};
+            std::thread stopper([&] {
+                if (early)
+                    return;
+                ZvTime::Sleep(1000);
+                signalled = ZvTime::GetMsTickTime();
+                kill(getpid(), SIGUSR1);
+            });
+            const unsigned start = ZvTime::GetMsTickTime();
+            EXPECT_FALSE(wait.run(crash, response));
+            const unsigned end = ZvTime::GetMsTickTime();
+            stopper.join();
+            EXPECT_FALSE(response.crashFound);
+            if (early) {
+                EXPECT_LT(ZvTime::DiffMsTime(start, end), 300u);
+                EXPECT_EQ("Checking for crash information was stopped.", crash.errorText);
+                EXPECT_TRUE(crash.statuses.empty());
+                continue;
+            }
+            // One attempt is a 400 ms sleep plus a detection refresh; the whole wait is 14 or
+            // 30 s.
+            EXPECT_GE(ZvTime::DiffMsTime(start, end), 900u);
+            EXPECT_LT(ZvTime::DiffMsTime(signalled.load(), end), 2500u);
+            EXPECT_EQ((std::vector<std::string>{"Possible target crash.", wait.waitStatus,
+                                                "Crash check cancelled."}),
+                      crash.statuses);
+            EXPECT_EQ("", crash.errorText);
+        }
     }
 }
 
