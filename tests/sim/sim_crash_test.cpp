@@ -11,7 +11,6 @@
 
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <thread>
 
 using namespace zsim;
@@ -155,83 +154,6 @@ INSTANTIATE_TEST_SUITE_P(Transports, SimCrashSequence, testing::Values(false, tr
                          [](const testing::TestParamInfo<bool>& info) {
                              return info.param ? "Tcp" : "Pty";
                          });
-
-TEST(SimCrash, EachFaultGivesItsReply) {
-    const std::string info = BuiltInCrashInfoText();
-    struct Exchange {
-        std::string command;
-        std::string reply; // "$IMAGE" stands for the whole image, "$HALF" for its first half
-    };
-    struct Case {
-        CrashFault fault;
-        std::vector<Exchange> exchanges;
-        int minMs = 0;                 // the exchanges take at least this long
-        bool loggingComesBack = false; // by itself, without a reset
-    };
-    const std::vector<Case> cases = {
-        {CrashFault::NoFullDump,
-         {{"at%debug=?\r", "\r\n%DEBUG: (0,1,2)\r\n\r\nOK\r\n"}, {"at%mode?\r", kLoaderMode}}},
-        {CrashFault::DumpError, {{"at%debug=2,1\r", "\r\nERROR\r\n"}, {"at%debug=1,0\r", info}}},
-        {CrashFault::NoFullDumpAvailable,
-         {{"at%debug=2,1\r", "\r\nNo Full Core Dump Available\r\n"}}},
-        {CrashFault::SplitHeader, {{"at%debug=2,1\r", Header("4096") + "$IMAGE" + kOk}}, 45},
-        {CrashFault::ExtraAfterHeader, {{"at%debug=2,1\r", Header("64") + "$IMAGE" + kOk}}},
-        {CrashFault::SilentMidDump,
-         {{"at%debug=2,1\r", Header("4096") + "$HALF"}, {"at%debug=0,0\r", info}}},
-        {CrashFault::Info200, {{"at%debug=0,0\r", info.substr(0, 200)}}},
-        {CrashFault::Info201, {{"at%debug=1,0\r", info.substr(0, 201)}}},
-        {CrashFault::ModemMode,
-         {{"at%mode?\r", kModemMode}, {"at%debug=?\r", kAllDebugModes}, {"at%zreset\r", kOk}},
-         0,
-         true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(CrashFaultName(c.fault));
-        zavra_test::TempDir dir;
-        Modem modem;
-        ASSERT_TRUE(modem.Start(CrashingModem(dir.Path(), 4096))) << modem.Error();
-        modem.SetCrashFault(c.fault);
-        const std::string image = Text(modem.CoreDumpImage());
-        modem.Crash();
-        ASSERT_TRUE(modem.WaitForAtMode(1, 5000));
-        AtEnd at;
-        ASSERT_TRUE(at.OpenPty(modem.AtPortPath()));
-        auto start = std::chrono::steady_clock::now();
-        for (const Exchange& exchange : c.exchanges) {
-            std::string reply = exchange.reply;
-            for (const auto& token : {std::make_pair("$IMAGE", image),
-                                      std::make_pair("$HALF", image.substr(0, 2048))}) {
-                size_t at = reply.find(token.first);
-                if (at != std::string::npos)
-                    reply.replace(at, std::strlen(token.first), token.second);
-            }
-            EXPECT_TRUE(at.Ask(exchange.command, reply.size()) == reply) << exchange.command;
-        }
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(c.minMs));
-        if (c.fault == CrashFault::Info200 || c.fault == CrashFault::Info201) {
-            EXPECT_EQ(Text(modem.CrashInfoText()), c.exchanges[0].reply);
-        }
-        if (c.loggingComesBack) {
-            EXPECT_TRUE(modem.WaitForConnection(1, 3000));
-        } else {
-            EXPECT_FALSE(modem.Counters().portUp);
-        }
-    }
-}
-
-TEST(SimCrash, NeverComesBackLeavesBothPortsAway) {
-    zavra_test::TempDir dir;
-    Modem modem;
-    ASSERT_TRUE(modem.Start(CrashingModem(dir.Path(), 4096))) << modem.Error();
-    modem.SetCrashFault(CrashFault::NeverComesBack);
-    modem.Crash();
-    ASSERT_TRUE(modem.WaitForCrashed(3000));
-    EXPECT_FALSE(modem.WaitForAtMode(1, 1000)); // ten times the restart time
-    AtEnd at;
-    EXPECT_FALSE(at.OpenPty(modem.AtPortPath()));
-    EXPECT_FALSE(at.OpenTcp(modem.AtSocketPort(), 200));
-    EXPECT_FALSE(modem.Counters().portUp);
-}
 
 // The built-in crash information, read by Python: the text format, the base64 bodies and the
 // zip inside, without any of the simulator's code.
