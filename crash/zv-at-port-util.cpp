@@ -322,41 +322,16 @@ void ZvAtCrash::ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& 
     file.Close();
 }
 
-void ZvAtCrash::ReadCrashInfo(ZvAtPort& port, Response& response, const ZvAStringList& infoCommands,
-                              std::vector<unsigned char>& buffer) {
-    for (unsigned i = 0; i < infoCommands.Count(); ++i) {
-        if (!port.SendAtCommand(infoCommands[i].c_str())) {
-            errorText = port.errorText;
-            continue;
-        }
-        ZvFile file;
-        if (!file.Open(response.crashInfoFile.c_str(), "wb")) {
-            errorText.Printf("Failed to open '%s'", response.crashInfoFile.c_str());
-            continue;
-        }
-        bool readFailed = false;
-        const long long written = CopyUntilSilent(port, file, buffer, readFailed);
-        if (readFailed)
-            errorText = "Failed to read from AT port.";
-        file.Close();
-        if (written > kMinUsefulSize) {
-            OnStatus("Retrieved crash dump information.");
-            return;
-        }
-        ZvFileUtil::DelFile(response.crashInfoFile.c_str());
-    }
-}
-
-void ZvAtCrash::ReadCrashLog(ZvAtPort& port, Response& response,
-                             std::vector<unsigned char>& buffer) {
-    if (!port.SendAtCommand("at%debug\r")) {
+long long ZvAtCrash::SaveReply(ZvAtPort& port, const char* command, const ZvAString& path,
+                               std::vector<unsigned char>& buffer) {
+    if (!port.SendAtCommand(command)) {
         errorText = port.errorText;
-        return;
+        return -1;
     }
     ZvFile file;
-    if (!file.Open(response.crashLogFile.c_str(), "wb")) {
-        errorText.Printf("Failed to open '%s'", response.crashLogFile.c_str());
-        return;
+    if (!file.Open(path.c_str(), "wb")) {
+        errorText.Printf("Failed to open '%s'", path.c_str());
+        return -1;
     }
     bool readFailed = false;
     const long long written = CopyUntilSilent(port, file, buffer, readFailed);
@@ -364,7 +339,24 @@ void ZvAtCrash::ReadCrashLog(ZvAtPort& port, Response& response,
         errorText = "Failed to read from AT port.";
     file.Close();
     if (written <= kMinUsefulSize)
-        ZvFileUtil::DelFile(response.crashLogFile.c_str());
+        ZvFileUtil::DelFile(path.c_str());
+    return written;
+}
+
+void ZvAtCrash::ReadCrashInfo(ZvAtPort& port, Response& response, const ZvAStringList& infoCommands,
+                              std::vector<unsigned char>& buffer) {
+    for (unsigned i = 0; i < infoCommands.Count(); ++i) {
+        if (SaveReply(port, infoCommands[i].c_str(), response.crashInfoFile, buffer) >
+            kMinUsefulSize) {
+            OnStatus("Retrieved crash dump information.");
+            return;
+        }
+    }
+}
+
+void ZvAtCrash::ReadCrashLog(ZvAtPort& port, Response& response,
+                             std::vector<unsigned char>& buffer) {
+    SaveReply(port, "at%debug\r", response.crashLogFile, buffer);
 }
 
 void ZvAtCrash::ReportPortFailure(ZvAtPort& port, const char* text) {

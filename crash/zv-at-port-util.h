@@ -50,6 +50,10 @@ private:
     void ReadCrashInfo(ZvAtPort& port, Response& response, const ZvAStringList& infoCommands,
                        std::vector<unsigned char>& buffer);
     void ReadCrashLog(ZvAtPort& port, Response& response, std::vector<unsigned char>& buffer);
+    // Sends `command` and copies its reply into `path` until the port falls silent, deleting a
+    // reply too short to be of use. The bytes written, or -1 when nothing was asked or opened.
+    long long SaveReply(ZvAtPort& port, const char* command, const ZvAString& path,
+                        std::vector<unsigned char>& buffer);
     // Reports a failed step and, when the port has no message of its own, that empty message.
     void ReportPortFailure(ZvAtPort& port, const char* text);
     // Deletes an empty file and forgets a missing or empty one; a kept one may mark the crash.

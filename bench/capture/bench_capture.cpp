@@ -34,6 +34,8 @@
 #include <thread>
 #include <vector>
 
+#include "bench_pattern.h"
+
 extern char** environ;
 
 namespace {
@@ -42,20 +44,8 @@ using Clock = std::chrono::steady_clock;
 
 const size_t kBlock = 64 * 1024;
 
-// The flood: xorshift64 bytes from a fixed seed, reproducible block by block.
-struct Pattern {
-    uint64_t state = 0x9E3779B97F4A7C15ull;
-    void Fill(unsigned char* out, size_t size) {
-        for (size_t i = 0; i < size; i += 8) {
-            state ^= state << 13;
-            state ^= state >> 7;
-            state ^= state << 17;
-            uint64_t v = state;
-            for (size_t k = 0; k < 8 && i + k < size; ++k)
-                out[i + k] = static_cast<unsigned char>(v >> (8 * k));
-        }
-    }
-};
+using bench::Pattern;
+using bench::WriteAll;
 
 // The same pattern checked byte by byte against reads of any size.
 struct PatternCheck {
@@ -82,19 +72,6 @@ struct RunResult {
     bool identical = false;
     uint64_t bytes = 0;
 };
-
-bool WriteAll(int fd, const unsigned char* data, size_t size) {
-    while (size > 0) {
-        ssize_t n = write(fd, data, size);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return false;
-        data += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
 
 // The peak resident set of a running process (VmHWM), in KiB; 0 when unknown.
 long PeakRssKiB(pid_t pid) {

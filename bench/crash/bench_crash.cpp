@@ -29,6 +29,8 @@
 #include "zv-at-port-util.h"
 #include "zv-file-util.h"
 
+#include "bench_pattern.h"
+
 extern char** environ;
 
 namespace {
@@ -37,32 +39,8 @@ using Clock = std::chrono::steady_clock;
 
 const size_t kBlock = 64 * 1024;
 
-// The image: xorshift64 bytes from a fixed seed, reproducible block by block.
-struct Pattern {
-    uint64_t state = 0x9E3779B97F4A7C15ull;
-    void Fill(unsigned char* out, size_t size) {
-        for (size_t i = 0; i < size; i += 8) {
-            state ^= state << 13;
-            state ^= state >> 7;
-            state ^= state << 17;
-            const uint64_t v = state;
-            for (size_t k = 0; k < 8 && i + k < size; ++k)
-                out[i + k] = static_cast<unsigned char>(v >> (8 * k));
-        }
-    }
-};
-
-bool WriteAll(int fd, const void* data, size_t size) {
-    const char* p = static_cast<const char*>(data);
-    while (size > 0) {
-        const ssize_t n = write(fd, p, size);
-        if (n <= 0)
-            return false;
-        p += n;
-        size -= static_cast<size_t>(n);
-    }
-    return true;
-}
+using bench::Pattern;
+using bench::WriteAll;
 
 bool WriteText(int fd, const std::string& text) {
     return WriteAll(fd, text.data(), text.size());

@@ -4,51 +4,29 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <memory>
 #include <pty.h>
-#include <string>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include "zavra_test_net.h"
+#include "zavra_test_at.h"
 #include "zv-at-port-socket.h"
 #include "zv-at-port.h"
 
 enum class Transport { Pty, Tcp };
 
-// A loopback port that refuses connections for as long as the object lives: bound, never
-// listening, so no other program can take the number meanwhile.
-class RefusingPort {
-public:
-    RefusingPort() {
-        sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof address;
-        EXPECT_EQ(0, bind(m_fd, reinterpret_cast<sockaddr*>(&address), length));
-        EXPECT_EQ(0, getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length));
-        m_port = ntohs(address.sin_port);
-    }
-    ~RefusingPort() { close(m_fd); }
-    int Port() const { return m_port; }
-
-private:
-    int m_fd = socket(AF_INET, SOCK_STREAM, 0);
-    int m_port = 0;
-};
-
-class AtPeer {
+class AtPeer : public zavra_test::AtEnd {
 public:
     AtPeer(Transport transport, unsigned timeoutMs) : m_tcp(transport == Transport::Tcp) {
         if (!m_tcp) {
             // Only the master stays open: the port takes the terminal exclusively.
-            int slave = -1;
+            int master = -1, slave = -1;
             char name[128] = "";
-            EXPECT_EQ(0, openpty(&m_fd, &slave, name, nullptr, nullptr));
+            EXPECT_EQ(0, openpty(&master, &slave, name, nullptr, nullptr));
             close(slave);
+            Adopt(master);
             m_serial = std::make_unique<ZvAtPortSerial>(name, timeoutMs);
             return;
         }
-        m_listener = socket(AF_INET, SOCK_STREAM, 0);
+        m_listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof address;
         EXPECT_EQ(0, bind(m_listener, reinterpret_cast<sockaddr*>(&address), length));
@@ -58,9 +36,9 @@ public:
             std::make_unique<ZvAtPortSocket>("127.0.0.1", ntohs(address.sin_port), timeoutMs);
     }
     ~AtPeer() {
-        m_serial.reset();
+        m_serial.reset(); // the port closes before its peer
         m_socket.reset();
-        HangUp();
+        Close();
         close(m_listener);
     }
     const char* Name() const { return m_tcp ? "tcp" : "pty"; }
@@ -69,30 +47,16 @@ public:
     bool Connect() {
         if (!Port().Open())
             return false;
-        if (m_tcp) {
-            HangUp();
-            m_fd = accept(m_listener, nullptr, nullptr);
-        }
-        return m_fd >= 0;
-    }
-    void Send(const std::string& bytes) {
         if (m_tcp)
-            ASSERT_TRUE(zavra_test::WriteAll(m_fd, bytes));
-        else
-            ASSERT_EQ(static_cast<ssize_t>(bytes.size()), write(m_fd, bytes.data(), bytes.size()));
+            Adopt(accept(m_listener, nullptr, nullptr));
+        return Fd() >= 0;
     }
     // What the port wrote, up to count bytes.
-    std::string Received(size_t count) { return zavra_test::ReadExactly(m_fd, count, 3000); }
-    void HangUp() {
-        if (m_fd >= 0)
-            close(m_fd);
-        m_fd = -1;
-    }
-    int Fd() const { return m_fd; }
+    std::string Received(size_t count) const { return Read(count, 3000); }
 
 private:
     bool m_tcp;
-    int m_fd = -1, m_listener = -1;
+    int m_listener = -1;
     std::unique_ptr<ZvAtPortSerial> m_serial;
     std::unique_ptr<ZvAtPortSocket> m_socket;
 };

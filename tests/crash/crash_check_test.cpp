@@ -3,11 +3,10 @@
 
 #include <atomic>
 #include <csignal>
-#include <functional>
 #include <thread>
 
-#include "at_peer.h"
 #include "crash_recorder.h"
+#include "zavra_test_at.h"
 #include "zavra_test_files.h"
 #include "zv-at-core-dump.h"
 #include "zv-device-detect.h"
@@ -20,31 +19,16 @@ void RequestStop(int) {
     g_stopRequested = 1;
 }
 
-// The serial wait on an interface that detection never finds, and the socket wait on a port
+// The serial wait on an interface that detection never finds, or the socket wait on a port
 // nobody listens on: both wait their full time unless stopped.
-struct Wait {
-    const char* name;
-    std::function<bool(ZvAtCrash&, ZvAtCrash::Response&)> run;
-    const char* waitStatus;
-};
-
-std::vector<Wait> Waits(int refused) {
-    return {
-        {"serial",
-         [](ZvAtCrash& crash, ZvAtCrash::Response& response) {
-             ZvInterfaceInfo info;
-             info.type = ZvInterfaceTypeSerial;
-             info.uniqueId = "1234_5678_00_zavra-missing";
-             info.portName = "/dev/zavra-missing-tty";
-             return crash.CheckForCrash(&info, response);
-         },
-         "Waiting for device to restart (takes about 10 seconds)."},
-        {"socket",
-         [refused](ZvAtCrash& crash, ZvAtCrash::Response& response) {
-             return crash.CheckForCrashSocket(refused, "127.0.0.1", response);
-         },
-         "Waiting for device to restart (takes about 30 seconds)."},
-    };
+bool RunWait(bool socket, int refused, ZvAtCrash& crash, ZvAtCrash::Response& response) {
+    if (socket)
+        return crash.CheckForCrashSocket(refused, "127.0.0.1", response);
+    ZvInterfaceInfo info;
+    info.type = ZvInterfaceTypeSerial;
+    info.uniqueId = "1234_5678_00_zavra-missing";
+    info.portName = "/dev/zavra-missing-tty";
+    return crash.CheckForCrash(&info, response);
 }
 
 class CrashWait : public ::testing::Test {
@@ -65,50 +49,48 @@ private:
 
 } // namespace
 
-TEST_F(CrashWait, ASignalDrivenStopEndsTheWaitWithinOneAttempt) {
-    RefusingPort refusing;
-    for (const Wait& wait : Waits(refusing.Port())) {
-        SCOPED_TRACE(wait.name);
-        g_stopRequested = 0;
-        RecordingCrash crash;
-        ZvAtCrash::Response response;
-        response.crashFound = true;
-        std::atomic<unsigned> signalled{0};
-        std::thread stopper([&] {
-            ZvTime::Sleep(1000);
-            signalled = ZvTime::GetMsTickTime();
-            kill(getpid(), SIGUSR1);
-        });
-        const unsigned start = ZvTime::GetMsTickTime();
-        EXPECT_FALSE(wait.run(crash, response));
-        const unsigned end = ZvTime::GetMsTickTime();
-        stopper.join();
-        // One attempt is a 400 ms sleep plus a detection refresh; the whole wait is 14 or 30 s.
-        EXPECT_GE(ZvTime::DiffMsTime(start, end), 900u);
-        EXPECT_LT(ZvTime::DiffMsTime(signalled.load(), end), 2500u);
-        EXPECT_EQ((std::vector<std::string>{"Possible target crash.", wait.waitStatus,
-                                            "Crash check cancelled."}),
-                  crash.statuses);
-        EXPECT_EQ("", crash.errorText);
-        EXPECT_FALSE(response.crashFound);
-    }
-}
-
-TEST_F(CrashWait, AStopAlreadyRequestedReportsNothing) {
-    RefusingPort refusing;
-    for (const Wait& wait : Waits(refusing.Port())) {
-        SCOPED_TRACE(wait.name);
-        g_stopRequested = 1;
-        RecordingCrash crash;
-        crash.errorText = "stale";
-        ZvAtCrash::Response response;
-        response.crashFound = true;
-        const unsigned start = ZvTime::GetMsTickTime();
-        EXPECT_FALSE(wait.run(crash, response));
-        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 300u);
-        EXPECT_EQ("Checking for crash information was stopped.", crash.errorText);
-        EXPECT_TRUE(crash.statuses.empty());
-        EXPECT_FALSE(response.crashFound);
+// Each wait stopped by a signal after a second, and stopped before it began.
+TEST_F(CrashWait, AStopEndsTheWaitWithinOneAttemptOrBeforeIt) {
+    zavra_test::HeldPort refusing;
+    for (bool socket : {false, true}) {
+        for (bool early : {false, true}) {
+            SCOPED_TRACE(std::string(socket ? "socket" : "serial") +
+                         (early ? ", stopped before" : ", signalled"));
+            g_stopRequested = early;
+            RecordingCrash crash;
+            crash.errorText = "stale";
+            ZvAtCrash::Response response;
+            response.crashFound = true;
+            std::atomic<unsigned> signalled{0};
+            std::thread stopper([&] {
+                if (early)
+                    return;
+                ZvTime::Sleep(1000);
+                signalled = ZvTime::GetMsTickTime();
+                kill(getpid(), SIGUSR1);
+            });
+            const unsigned start = ZvTime::GetMsTickTime();
+            EXPECT_FALSE(RunWait(socket, refusing.Port(), crash, response));
+            const unsigned end = ZvTime::GetMsTickTime();
+            stopper.join();
+            EXPECT_FALSE(response.crashFound);
+            if (early) {
+                EXPECT_LT(ZvTime::DiffMsTime(start, end), 300u);
+                EXPECT_EQ("Checking for crash information was stopped.", crash.errorText);
+                EXPECT_TRUE(crash.statuses.empty());
+                continue;
+            }
+            // One attempt is a 400 ms sleep plus a detection refresh; the whole wait is 14 or
+            // 30 s.
+            EXPECT_GE(ZvTime::DiffMsTime(start, end), 900u);
+            EXPECT_LT(ZvTime::DiffMsTime(signalled.load(), end), 2500u);
+            const std::string waiting = std::string("Waiting for device to restart (takes about ") +
+                                        (socket ? "30" : "10") + " seconds).";
+            EXPECT_EQ((std::vector<std::string>{"Possible target crash.", waiting,
+                                                "Crash check cancelled."}),
+                      crash.statuses);
+            EXPECT_EQ("", crash.errorText);
+        }
     }
 }
 

@@ -90,57 +90,44 @@ TEST_F(CrashDecode, HardFailuresEndTheDecodeAndKeepEarlierFiles) {
     const std::string later = Head("later.txt", "text/plain") + "later\n" + B;
     const std::string missing = m_dir.File("missing");
     const struct {
-        const char* input;
-        const char* outputDir;
         std::string text, error;
         Files kept;
-    } cases[] = {
-        {m_in.c_str(),
-         m_out.c_str(),
-         B + "Content-Type: text\nbody\n\n" + later,
-         "Crash data encoding not specified.",
-         {}},
-        {m_in.c_str(),
-         m_out.c_str(),
-         Head("x.bin", "") + "body\n\n" + later,
+    } texts[] = {
+        {B + "Content-Type: text\nbody\n\n" + later, "Crash data encoding not specified.", {}},
+        {Head("x.bin", "") + "body\n\n" + later,
          "Crash data encoding not specified for 'x.bin'.",
          {}},
-        {m_in.c_str(),
-         m_out.c_str(),
-         ok + Head("bad.bin", "x-base64") + "SGVs*bG8=\n" + later,
+        {ok + Head("bad.bin", "x-base64") + "SGVs*bG8=\n" + later,
          "Base 64 decoding failed on 'bad.bin' file data. Base 64 decode error. An input "
          "character is out of range 0x02X '*'.",
          {{"ok.txt", "ok"}}},
-        {m_in.c_str(),
-         m_out.c_str(),
-         ok + Head("sub", "") + "a directory\n" + later,
+        {ok + Head("sub", "") + "a directory\n" + later,
          "Failed to open output crash file '" + m_out + "/sub' for writing.",
          {{"ok.txt", "ok"}}},
-        {nullptr, m_out.c_str(), ok + B, "Input crash file name pointer is NULL.", {}},
-        {missing.c_str(),
-         m_out.c_str(),
-         ok + B,
-         "Input crash file '" + missing + "' does not exist.",
-         {}},
-        {m_in.c_str(),
-         missing.c_str(),
-         ok + B,
-         "Output directory '" + missing + "' does not exist.",
-         {}},
-        {m_out.c_str(),
-         m_out.c_str(),
-         ok + B,
-         "Failed to read from the input crash file '" + m_out + "'.",
-         {}},
     };
-    for (const auto& c : cases) {
+    const struct {
+        const char *input, *outputDir;
+        std::string error;
+    } paths[] = {
+        {nullptr, m_out.c_str(), "Input crash file name pointer is NULL."},
+        {missing.c_str(), m_out.c_str(), "Input crash file '" + missing + "' does not exist."},
+        {m_in.c_str(), missing.c_str(), "Output directory '" + missing + "' does not exist."},
+        {m_out.c_str(), m_out.c_str(), "Failed to read from the input crash file '" + m_out + "'."},
+    };
+    const auto expectFailure = [&](const std::string& text, const char* input,
+                                   const char* outputDir, const std::string& error,
+                                   const Files& kept) {
         ASSERT_TRUE(Decode(ok + B, m_in)); // a failure also drops the list of the decode before
-        ASSERT_TRUE(WriteFile(m_in, c.text));
-        EXPECT_FALSE(m_decode.Decode(c.input, c.outputDir));
-        EXPECT_EQ(m_decode.errorText, c.error);
-        EXPECT_EQ(Listed(), c.kept);
+        ASSERT_TRUE(WriteFile(m_in, text));
+        EXPECT_FALSE(m_decode.Decode(input, outputDir));
+        EXPECT_EQ(m_decode.errorText, error);
+        EXPECT_EQ(Listed(), kept);
         EXPECT_FALSE(FileExists(m_out + "/later.txt"));
-    }
+    };
+    for (const auto& c : texts)
+        expectFailure(c.text, m_in.c_str(), m_out.c_str(), c.error, c.kept);
+    for (const auto& c : paths)
+        expectFailure(ok + B, c.input, c.outputDir, c.error, {});
     ASSERT_TRUE(m_decode.Decode(m_in.c_str(), nullptr)); // beside the input
     EXPECT_EQ(m_decode.outputFiles[0], m_dir.File("ok.txt"));
 }

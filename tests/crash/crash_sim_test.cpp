@@ -3,15 +3,12 @@
 // commands the modem received.
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "crash_recorder.h"
+#include "zavra_test_at.h"
 #include "zavra_test_files.h"
 #include "zsim-modem.h"
 #include "zv-file-util.h"
@@ -87,6 +84,13 @@ protected:
         return kept;
     }
 
+    // Deletes the files a response names, before the next run in the same test.
+    static void Forget(const ZvAtCrash::Response& response) {
+        for (const ZvAString* path :
+             {&response.coreDumpFile, &response.crashInfoFile, &response.crashLogFile})
+            ZvFileUtil::DelFile(path->c_str());
+    }
+
     zsim::ModemOptions options;
     size_t commandsBefore = 0;
 
@@ -135,9 +139,7 @@ TEST_F(SimCrash, TheThreeFilesHoldWhatTheModemServedOverItsPtyAndOverTcp) {
                            "at%debug\r", "at%debug=99\r", "at%mode=0\r", "at%zreset\r"}),
                   Commands());
         EXPECT_TRUE(modem().WaitForAtMode(0, 10000)) << "the modem was reset";
-        for (const ZvAString* path :
-             {&response.coreDumpFile, &response.crashInfoFile, &response.crashLogFile})
-            ZvFileUtil::DelFile(path->c_str());
+        Forget(response);
     }
 }
 
@@ -228,9 +230,7 @@ TEST_F(SimCrash, EachFaultOfTheDialogueGivesItsReportsFilesAndCommands) {
         default:
             break;
         }
-        for (const ZvAString* path :
-             {&response.coreDumpFile, &response.crashInfoFile, &response.crashLogFile})
-            ZvFileUtil::DelFile(path->c_str());
+        Forget(response);
     }
 }
 
@@ -257,12 +257,8 @@ TEST_F(SimCrash, APortThatNeverComesBackLeavesItsOpenError) {
     ASSERT_TRUE(modem().WaitForCrashed(10000));
     // The port number the modem gave up is held, bound but not listening, for the 30 s wait:
     // otherwise another program's listener may be handed it and answer in the modem's place.
-    const int holder = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in address{AF_INET,
-                        htons(static_cast<uint16_t>(modem().AtSocketPort())),
-                        {htonl(INADDR_LOOPBACK)},
-                        {}};
-    ASSERT_EQ(0, bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address));
+    zavra_test::HeldPort held(modem().AtSocketPort());
+    ASSERT_EQ(modem().AtSocketPort(), held.Port());
     EXPECT_FALSE(crash.CheckForCrashSocket(modem().AtSocketPort(), "127.0.0.1", response));
     EXPECT_EQ("Failed to open socket AT port.", crash.errorText);
     EXPECT_EQ((Strings{"Possible target crash.",
@@ -272,5 +268,4 @@ TEST_F(SimCrash, APortThatNeverComesBackLeavesItsOpenError) {
     EXPECT_EQ("", Kept(response));
     EXPECT_FALSE(crash.GetCrash(modem().AtPortPath().c_str(), response));
     EXPECT_EQ("Failed to open AT port (2).", crash.errorText);
-    close(holder);
 }

@@ -73,4 +73,11 @@ const char* const kTargetZipBase64 =
     "aW5QSwUGAAAAAAIAAgBxAAAAcQEAAAAA\n";
 const char* const kTargetEvents = "target events: assert in kor1\n";
 
+std::map<std::string, std::string> TargetZipEntries() {
+    std::string regs;
+    for (int i = 0; i < 256; ++i)
+        regs += static_cast<char>(i);
+    return {{"bb_events.txt", kTargetEvents}, {"regs.bin", regs}};
+}
+
 } // namespace crash_test

@@ -31,5 +31,7 @@ public:
 // to 255.
 extern const char* const kTargetZipBase64;
 extern const char* const kTargetEvents;
+// Its entries by name, as ReadZip gives them.
+std::map<std::string, std::string> TargetZipEntries();
 
 } // namespace crash_test

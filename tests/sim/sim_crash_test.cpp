@@ -4,17 +4,17 @@
 
 #include <gtest/gtest.h>
 
-#include "sim_at_client.h"
 #include "sim_host.h"
+#include "zavra_test_at.h"
 #include "zavra_test_files.h"
 #include "zavra_test_process.h"
 
 #include <climits>
 #include <csignal>
-#include <cstring>
 #include <thread>
 
 using namespace zsim;
+using zavra_test::AtEnd;
 
 namespace {
 
@@ -45,23 +45,19 @@ ModemOptions CrashingModem(const std::string& dir, uint64_t coreDumpSize) {
     return options;
 }
 
-bool OpenAt(AtClient& at, const Modem& modem, bool tcp) {
+bool OpenAt(AtEnd& at, const Modem& modem, bool tcp) {
     return tcp ? at.OpenTcp(modem.AtSocketPort(), 3000) : at.OpenPty(modem.AtPortPath());
 }
 
-std::string LinkTarget(const std::string& link) {
-    char target[PATH_MAX];
-    ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
-    return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
-}
-
+// Waits until the link points at its target, or (for an empty target) at a port that is up.
 bool WaitForLink(const std::string& link, const std::string& target, int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        std::string now = LinkTarget(link);
-        if (target.empty() ? !now.empty() && now.find(".down") == std::string::npos : now == target)
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (char now[PATH_MAX]; std::chrono::steady_clock::now() < deadline;
+         std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
+        const ssize_t n = readlink(link.c_str(), now, sizeof now - 1);
+        const std::string to = n > 0 ? std::string(now, static_cast<size_t>(n)) : "";
+        if (target.empty() ? !to.empty() && to.find(".down") == std::string::npos : to == target)
             return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return false;
 }
@@ -80,7 +76,7 @@ TEST_P(SimCrashSequence, HangsUpServesTheCrashDataAndComesBackAfterTheReset) {
     EXPECT_EQ(modem.AtPortPath(), dir.File("modem-at"));
     ASSERT_GT(modem.AtSocketPort(), 0);
 
-    AtClient at;
+    AtEnd at;
     ASSERT_TRUE(OpenAt(at, modem, tcp));
     EXPECT_EQ(at.Ask("at%mode?\r", kModemMode.size()), kModemMode);
     EXPECT_EQ(at.Ask("\nAT\r", kOk.size()), kOk);
@@ -159,83 +155,6 @@ INSTANTIATE_TEST_SUITE_P(Transports, SimCrashSequence, testing::Values(false, tr
                              return info.param ? "Tcp" : "Pty";
                          });
 
-TEST(SimCrash, EachFaultGivesItsReply) {
-    const std::string info = BuiltInCrashInfoText();
-    struct Exchange {
-        std::string command;
-        std::string reply; // "$IMAGE" stands for the whole image, "$HALF" for its first half
-    };
-    struct Case {
-        CrashFault fault;
-        std::vector<Exchange> exchanges;
-        int minMs = 0;                 // the exchanges take at least this long
-        bool loggingComesBack = false; // by itself, without a reset
-    };
-    const std::vector<Case> cases = {
-        {CrashFault::NoFullDump,
-         {{"at%debug=?\r", "\r\n%DEBUG: (0,1,2)\r\n\r\nOK\r\n"}, {"at%mode?\r", kLoaderMode}}},
-        {CrashFault::DumpError, {{"at%debug=2,1\r", "\r\nERROR\r\n"}, {"at%debug=1,0\r", info}}},
-        {CrashFault::NoFullDumpAvailable,
-         {{"at%debug=2,1\r", "\r\nNo Full Core Dump Available\r\n"}}},
-        {CrashFault::SplitHeader, {{"at%debug=2,1\r", Header("4096") + "$IMAGE" + kOk}}, 45},
-        {CrashFault::ExtraAfterHeader, {{"at%debug=2,1\r", Header("64") + "$IMAGE" + kOk}}},
-        {CrashFault::SilentMidDump,
-         {{"at%debug=2,1\r", Header("4096") + "$HALF"}, {"at%debug=0,0\r", info}}},
-        {CrashFault::Info200, {{"at%debug=0,0\r", info.substr(0, 200)}}},
-        {CrashFault::Info201, {{"at%debug=1,0\r", info.substr(0, 201)}}},
-        {CrashFault::ModemMode,
-         {{"at%mode?\r", kModemMode}, {"at%debug=?\r", kAllDebugModes}, {"at%zreset\r", kOk}},
-         0,
-         true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(CrashFaultName(c.fault));
-        zavra_test::TempDir dir;
-        Modem modem;
-        ASSERT_TRUE(modem.Start(CrashingModem(dir.Path(), 4096))) << modem.Error();
-        modem.SetCrashFault(c.fault);
-        const std::string image = Text(modem.CoreDumpImage());
-        modem.Crash();
-        ASSERT_TRUE(modem.WaitForAtMode(1, 5000));
-        AtClient at;
-        ASSERT_TRUE(at.OpenPty(modem.AtPortPath()));
-        auto start = std::chrono::steady_clock::now();
-        for (const Exchange& exchange : c.exchanges) {
-            std::string reply = exchange.reply;
-            for (const auto& token : {std::make_pair("$IMAGE", image),
-                                      std::make_pair("$HALF", image.substr(0, 2048))}) {
-                size_t at = reply.find(token.first);
-                if (at != std::string::npos)
-                    reply.replace(at, std::strlen(token.first), token.second);
-            }
-            EXPECT_TRUE(at.Ask(exchange.command, reply.size()) == reply) << exchange.command;
-        }
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(c.minMs));
-        if (c.fault == CrashFault::Info200 || c.fault == CrashFault::Info201) {
-            EXPECT_EQ(Text(modem.CrashInfoText()), c.exchanges[0].reply);
-        }
-        if (c.loggingComesBack) {
-            EXPECT_TRUE(modem.WaitForConnection(1, 3000));
-        } else {
-            EXPECT_FALSE(modem.Counters().portUp);
-        }
-    }
-}
-
-TEST(SimCrash, NeverComesBackLeavesBothPortsAway) {
-    zavra_test::TempDir dir;
-    Modem modem;
-    ASSERT_TRUE(modem.Start(CrashingModem(dir.Path(), 4096))) << modem.Error();
-    modem.SetCrashFault(CrashFault::NeverComesBack);
-    modem.Crash();
-    ASSERT_TRUE(modem.WaitForCrashed(3000));
-    EXPECT_FALSE(modem.WaitForAtMode(1, 1000)); // ten times the restart time
-    AtClient at;
-    EXPECT_FALSE(at.OpenPty(modem.AtPortPath()));
-    EXPECT_FALSE(at.OpenTcp(modem.AtSocketPort(), 200));
-    EXPECT_FALSE(modem.Counters().portUp);
-}
-
 // The built-in crash information, read by Python: the text format, the base64 bodies and the
 // zip inside, without any of the simulator's code.
 TEST(SimCrash, BuiltInCrashInformationDecodesToItsSections) {
@@ -243,32 +162,27 @@ TEST(SimCrash, BuiltInCrashInformationDecodesToItsSections) {
 import base64, io, os, sys, zipfile
 text = open(sys.argv[1], 'rb').read()
 assert text.endswith(b'\r\n') and b'\n' not in text.replace(b'\r\n', b''), 'line ends'
-sections, current = [], None
+sections = []  # [head, body lines or None while in the head]
 for line in text.split(b'\r\n')[:-1]:
     if line.startswith(b'--Zavra debug info'):
-        if current is not None:
-            sections.append(current)
-        current = {'head': {}, 'body': [], 'in_head': True}
-    elif current is None:
-        continue
-    elif current['in_head'] and line.startswith(b'Content-'):
+        sections.append([{}, None])
+    elif sections and sections[-1][1] is None and line.startswith(b'Content-'):
         key, _, value = line.partition(b':')
-        current['head'][key.decode()] = value.strip().decode()
-    else:
-        current['in_head'] = False
-        if line:
-            current['body'].append(line)
-for s in sections:
-    name = s['head']['Content-Description']
-    if s['head'].get('Content-Comment') == 'No valid log data available':
+        sections[-1][0][key.decode()] = value.strip().decode()
+    elif sections:
+        sections[-1][1] = (sections[-1][1] or []) + ([line] if line else [])
+for head, body in sections[:-1]:
+    body = body or []
+    name = head['Content-Description']
+    if head.get('Content-Comment') == 'No valid log data available':
         sys.stderr.write('no data %s\n' % name)
         continue
-    encoding = s['head']['Content-Transfer-Encoding']
-    assert all(len(line) <= 76 for line in s['body']), name
+    encoding = head['Content-Transfer-Encoding']
+    assert all(len(line) <= 76 for line in body), name
     if encoding == 'x-base64':
-        data = base64.b64decode(b''.join(s['body']), validate=True)
+        data = base64.b64decode(b''.join(body), validate=True)
     else:
-        data = b'\n'.join(s['body'])
+        data = b'\n'.join(body)
     open(os.path.join(sys.argv[2], name), 'wb').write(data)
     sys.stderr.write('%s %s\n' % (name, encoding))
     if name.endswith('.zip'):
@@ -309,7 +223,7 @@ TEST(SimCrashCommand, Sigusr2CrashesAndTheNamedFaultIsServed) {
         << sim.Error();
     const std::string atLink = dir.File("modem-at");
     ASSERT_TRUE(WaitForLink(atLink, "", 5000)) << zavra_test::Describe(sim);
-    AtClient at;
+    AtEnd at;
     ASSERT_TRUE(at.OpenPty(atLink));
     EXPECT_EQ(at.Ask("at%mode?\r", kModemMode.size()), kModemMode);
 
@@ -354,7 +268,7 @@ TEST(SimCrash, ByteAndTimeTriggersFireOncePerStart) {
     ASSERT_TRUE(modem.WaitForCrashed(1000));
     ASSERT_TRUE(modem.WaitForAtMode(1, 5000));
     {
-        AtClient at;
+        AtEnd at;
         ASSERT_TRUE(at.OpenPty(modem.AtPortPath()));
         EXPECT_EQ(at.Ask("at%zreset\r", kOk.size()), kOk);
     }
@@ -374,7 +288,7 @@ TEST(SimCrash, ByteAndTimeTriggersFireOncePerStart) {
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
     ASSERT_TRUE(modem.WaitForAtMode(1, 5000));
     {
-        AtClient at;
+        AtEnd at;
         ASSERT_TRUE(at.OpenTcp(modem.AtSocketPort(), 3000));
         EXPECT_EQ(at.Ask("at%mode=0\r", kOk.size()), kOk);
     }
