@@ -51,11 +51,11 @@ Entries ReadZip(const std::string& zip, const zavra_test::TempDir& scratch) {
 }
 
 void ExpectEntries(const Entries& got, const Entries& expected) {
-    std::set<std::string> gotNames, expectedNames;
+    std::string gotNames, expectedNames;
     for (const auto& entry : got)
-        gotNames.insert(entry.first);
+        gotNames += entry.first + " ";
     for (const auto& entry : expected)
-        expectedNames.insert(entry.first);
+        expectedNames += entry.first + " ";
     ASSERT_EQ(gotNames, expectedNames);
     for (const auto& entry : expected)
         EXPECT_TRUE(got.at(entry.first) == entry.second)
@@ -128,19 +128,13 @@ struct CrashRun {
     }
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
     // Waits until the tool has printed `text` `times` times.
-    bool WaitForOutput(const std::string& text, int timeoutMs, size_t times = 1) {
-        const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            const std::string err = tool.Stderr();
-            size_t count = 0;
-            for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + 1))
-                ++count;
-            if (count >= times)
-                return true;
-            if (Clock::now() > end || !tool.Running())
-                return false;
-            usleep(20000);
-        }
+    bool WaitForOutput(const std::string& text, int timeoutMs, int times = 1) {
+        return zavra_test::WaitUntil(
+                   [&] {
+                       return zavra_test::CountOf(tool.Stderr(), text) >= times || !tool.Running();
+                   },
+                   timeoutMs) &&
+               zavra_test::CountOf(tool.Stderr(), text) >= times;
     }
     // What the modem's section of this name holds, decoded.
     std::string Section(const std::string& description) const {

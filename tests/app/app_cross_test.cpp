@@ -18,10 +18,7 @@ TEST(CrossBuild, CapturesUnderEmulationAndEndsWithFifteenOnSigterm) {
         GTEST_SKIP() << "ZAVRA_CROSS_TOOL and ZAVRA_CROSS_EMULATOR are not set";
     const uint64_t size = 4u << 20;
     Bench bench;
-    bench.options.gen.enabled = true;
-    bench.options.gen.stopAfterBytes = size;
-    bench.options.gen.garbageEvery = 500;
-    bench.StartModem();
+    bench.StartFlood(size);
 
     zavra_test::Process run;
     ASSERT_TRUE(run.Start(emulator, {tool, "-d" + bench.Port(), "-t", bench.Out()})) << run.Error();

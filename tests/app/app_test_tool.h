@@ -48,6 +48,13 @@ struct Bench {
         options.gen.enabled = false;
     }
     void StartModem() { ASSERT_TRUE(modem.Start(options)) << modem.Error(); }
+    // A stream of `size` bytes at full speed, with a run of garbage between records now and then.
+    void StartFlood(uint64_t size) {
+        options.gen.enabled = true;
+        options.gen.stopAfterBytes = size;
+        options.gen.garbageEvery = 500;
+        StartModem();
+    }
     std::string Port() const { return modem.PortPath(); }
     std::string Sent() const { return dir.File("sent.bin"); }
     std::string Out() const { return dir.File("out.zom"); }
