@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "zavra_test_contains.h"
 #include "zavra_test_files.h"
 #include "zavra_test_process.h"
 
@@ -36,9 +37,8 @@ std::string ExpectError(const std::vector<std::string>& args, int status, const 
                         const std::string& before = "") {
     Outcome out = RunTool(args);
     EXPECT_EQ(out.status, status) << testing::PrintToString(args);
-    EXPECT_NE(out.err.find(before + line + "\n"), std::string::npos)
-        << testing::PrintToString(args) << "\n"
-        << out.err;
+    EXPECT_TRUE(zavra_test::Contains(out.err, before + line + "\n"))
+        << testing::PrintToString(args);
     return out.err;
 }
 
@@ -128,11 +128,10 @@ TEST(CommandLine, InterfaceDefinitionFileNamesThePort) {
     Outcome out = RunTool({file, "-o"}, true);
     const size_t at = out.err.find("Using /dev/ttyACM");
     ASSERT_NE(at, std::string::npos) << out.err;
-    EXPECT_NE(out.err.find(" (Zavra ZM200 Modem).\n"), std::string::npos) << out.err;
+    EXPECT_TRUE(zavra_test::Contains(out.err, " (Zavra ZM200 Modem).\n"));
     const std::string port = out.err.substr(at + 6, out.err.find(' ', at + 6) - at - 6);
-    EXPECT_NE(out.err.find("Failed to open the serial logging interface '" + port + "'."),
-              std::string::npos)
-        << out.err;
+    EXPECT_TRUE(zavra_test::Contains(out.err, "Failed to open the serial logging interface '" +
+                                                  port + "'."));
     EXPECT_EQ(out.err.find("Incorrect interface definition"), std::string::npos) << out.err;
 }
 
@@ -181,7 +180,7 @@ TEST(CommandLine, EmptyDefinitionValuesAreMissingAndABadLineIsEchoedShort) {
           prefix + "VID=1e2d,PID=0061,MI=" + in + "'MI' parameter not found.\n",
           prefix + huge.substr(0, 80) + "..." + in + "incorrect number of parameters.\n",
           std::string("Error 0(14):No port detected matching specification (from file).\n")})
-        EXPECT_NE(out.err.find(line), std::string::npos) << line << "\n" << out.err.substr(0, 4096);
+        EXPECT_TRUE(zavra_test::Contains(out.err, line));
     EXPECT_EQ(out.err.find("Using "), std::string::npos) << out.err.substr(0, 4096);
     EXPECT_LT(out.err.size(), 2000u);
 }
