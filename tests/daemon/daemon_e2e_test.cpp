@@ -1,6 +1,6 @@
 // zavra_log_serial -a end to end: the real binary, a simulated modem on a pty, loopback clients.
-#include <cctype>
 #include <chrono>
+#include <regex>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,19 +10,14 @@ using namespace daemon_test;
 
 namespace {
 
-// Whether `text` starts with `shape`, where '#' stands for any digit.
-bool Shaped(const std::string& text, const std::string& shape) {
-    for (size_t i = 0; i < shape.size(); ++i)
-        if (i >= text.size() ||
-            (shape[i] == '#' ? !isdigit(static_cast<unsigned char>(text[i])) : text[i] != shape[i]))
-            return false;
-    return true;
-}
+// A log's name: "daemon_" and the date and time it began (then, in segments, the number).
+const char* const kLogName = R"(daemon_\d\d-\d\d-\d\d_\d\d-\d\d-\d\d)";
 
+// The segment number in a segment's name, "?" for any other name.
 std::string Segment(const std::string& name) {
-    return Shaped(name, "daemon_##-##-##_##-##-##_###.zom") && name.size() == 32
-               ? name.substr(25, 3)
-               : "?";
+    std::smatch match;
+    const std::regex segment(kLogName + std::string(R"(_(\d{3})\.zom)"));
+    return std::regex_match(name, match, segment) ? match[1].str() : "?";
 }
 
 } // namespace
@@ -54,7 +49,8 @@ TEST(DaemonTool, SegmentsOfExactSizeHoldTheTailOfTheStreamWithinTheBudgetPastASt
     EXPECT_EQ(run.modem.RecordsWithId(run.modem.Ids().hostTime).size(), 13u);
 
     for (const std::string& line : JournalLines(run.store))
-        EXPECT_TRUE(Shaped(line, "##/##/#### ##:##:##: ") && line.size() > 21) << line;
+        EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d: .+)")))
+            << line;
     for (std::string once : {": Total Size: 8388608", ": File Size: 1048576", "Shut down"})
         EXPECT_EQ(JournalCount(run.store, once), 1) << once;
     EXPECT_EQ(JournalCount(run.store, "Deleting old file '"), 4);
@@ -139,7 +135,7 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
     std::vector<std::string> names = ZomFiles(run.store);
     ASSERT_EQ(names.size(), 2u);
     for (const std::string& name : names)
-        EXPECT_TRUE(Shaped(name, "daemon_##-##-##_##-##-##.zom") && name.size() == 28) << name;
+        EXPECT_TRUE(std::regex_match(name, std::regex(kLogName + std::string(R"(\.zom)")))) << name;
     EXPECT_LT(names[0], names[1]) << "a new log with a later name";
     EXPECT_EQ(static_cast<uint64_t>(ZomBytes(run.store)), run.modem.Counters().delivered);
     if (run.modem.Counters().discarded == 0) {
