@@ -33,17 +33,12 @@ Entries ReadZip(const std::string& zip) {
     return entries;
 }
 
+// The zip holds exactly the expected entries, each byte for byte.
 void ExpectEntries(const Entries& got, const Entries& expected) {
-    std::string gotNames, expectedNames;
-    for (const auto& entry : got)
-        gotNames += entry.first + " ";
     for (const auto& entry : expected)
-        expectedNames += entry.first + " ";
-    ASSERT_EQ(gotNames, expectedNames);
-    for (const auto& entry : expected)
-        EXPECT_TRUE(got.at(entry.first) == entry.second)
-            << entry.first << ": " << got.at(entry.first).size() << " bytes, expected "
-            << entry.second.size();
+        EXPECT_TRUE(got.count(entry.first) == 1 && got.at(entry.first) == entry.second)
+            << entry.first;
+    EXPECT_EQ(got.size(), expected.size()) << "entries beside the expected ones";
 }
 
 // The names in a directory, without "." and "..".
