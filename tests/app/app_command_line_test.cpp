@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "zavra_test_contains.h"
+#include "zavra_test_expect.h"
 #include "zavra_test_files.h"
 #include "zavra_test_process.h"
 

@@ -15,7 +15,7 @@
 
 #include "app_test_tool.h"
 #include "crash_zip_reader.h"
-#include "zavra_test_contains.h"
+#include "zavra_test_expect.h"
 #include "zavra_test_net.h"
 #include "zavra_test_udev.h"
 

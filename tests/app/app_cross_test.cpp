@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "app_test_tool.h"
-#include "zavra_test_contains.h"
+#include "zavra_test_expect.h"
 
 namespace apptest {
 namespace {

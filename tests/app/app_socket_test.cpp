@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "app_test_tool.h"
-#include "zavra_test_contains.h"
+#include "zavra_test_expect.h"
 #include "zavra_test_net.h"
 
 namespace apptest {

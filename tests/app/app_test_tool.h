@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "zavra_test_expect.h"
 #include "zavra_test_files.h"
 #include "zavra_test_process.h"
 #include "zsim-modem.h"
@@ -63,13 +64,7 @@ struct Bench {
 inline void StartTool(zavra_test::Process& tool, const std::vector<std::string>& args) {
     ASSERT_TRUE(tool.Start(ZAVRA_LOG_SERIAL_PATH, args)) << tool.Error();
 }
-inline void ExpectExit(zavra_test::Process& tool, int status, int timeoutMs = 20000) {
-    if (!tool.Wait(timeoutMs)) {
-        tool.Kill();
-        FAIL() << "the tool did not end in time; stderr:\n" << tool.Stderr();
-    }
-    EXPECT_EQ(tool.ExitCode(), status) << zavra_test::Describe(tool);
-}
+using zavra_test::ExpectExit;
 
 // The file holds exactly the first `size` bytes the modem sent.
 inline void ExpectCaptured(const std::string& file, Bench& bench, uint64_t size) {

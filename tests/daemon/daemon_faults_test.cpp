@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "daemon_run.h"
-#include "zavra_test_contains.h"
+#include "zavra_test_expect.h"
 
 using namespace daemon_test;
 
@@ -108,7 +108,7 @@ TEST(DaemonFaults, ADirectoryThatIsAFileOrCannotBeWrittenIsRefusedAtStart) {
     for (const Case& c : cases) {
         zavra_test::Process tool;
         DaemonRun::Start(tool, {"-d/dev/null", "-a" + c.dir + ",16,2", "-t"});
-        DaemonRun::ExpectExit(tool, 0, 10000);
+        zavra_test::ExpectExit(tool, 0, 10000);
         EXPECT_TRUE(zavra_test::Contains(tool.Stderr(), c.message));
     }
     EXPECT_EQ(zavra_test::ReadFile(file), "keep me");
@@ -144,7 +144,7 @@ TEST(DaemonFaults, ASecondInstanceOnThePortOrTheDirectoryIsRefusedAtOnceAndTheFi
         zavra_test::Process tool;
         const auto start = std::chrono::steady_clock::now();
         DaemonRun::Start(tool, second.args);
-        DaemonRun::ExpectExit(tool, 11, 10000);
+        zavra_test::ExpectExit(tool, 11, 10000);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << second.what;
         EXPECT_TRUE(zavra_test::Contains(tool.Stderr(), second.message)) << second.what;
         ASSERT_TRUE(run.tool.Running()) << second.what;

@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 
 #include "daemon_test_files.h"
+#include "zavra_test_expect.h"
 #include "zavra_test_net.h"
 #include "zavra_test_process.h"
 #include "zsim-modem.h"
@@ -64,15 +65,8 @@ struct DaemonRun {
         EXPECT_GE(client, 0);
         return client;
     }
-    static void ExpectExit(zavra_test::Process& process, int status, int timeoutMs = 10000) {
-        if (!process.Wait(timeoutMs)) {
-            process.Kill();
-            FAIL() << "the tool did not end in time; stderr:\n" << process.Stderr();
-        }
-        EXPECT_EQ(process.ExitCode(), status) << zavra_test::Describe(process);
-    }
     void ExpectExit(int status) {
-        ExpectExit(tool, status);
+        zavra_test::ExpectExit(tool, status, 10000);
         modem.FlushFiles();
     }
     void Terminate() {
