@@ -107,12 +107,9 @@ struct CrashRun {
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
     // Waits until the tool has printed `text` `times` times.
     bool WaitForOutput(const std::string& text, int timeoutMs, int times = 1) {
-        return zavra_test::WaitUntil(
-                   [&] {
-                       return zavra_test::CountOf(tool.Stderr(), text) >= times || !tool.Running();
-                   },
-                   timeoutMs) &&
-               zavra_test::CountOf(tool.Stderr(), text) >= times;
+        auto printed = [&] { return zavra_test::CountOf(tool.Stderr(), text) >= times; };
+        return zavra_test::WaitUntil([&] { return printed() || !tool.Running(); }, timeoutMs) &&
+               printed();
     }
     // What the modem's section of this name holds, decoded.
     std::string Section(const std::string& description) const {
