@@ -11,10 +11,7 @@ namespace {
 TEST(Capture, LargeStreamLandsByteForByteThenSigintGivesTwo) {
     const uint64_t size = 64ull << 20;
     Bench bench;
-    bench.options.gen.enabled = true;
-    bench.options.gen.stopAfterBytes = size;
-    bench.options.gen.garbageEvery = 500;
-    bench.StartModem();
+    bench.StartFlood(size);
     zavra_test::Process tool;
     StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
     ASSERT_TRUE(bench.modem.WaitForGeneratorDone(240000)) << tool.Stderr();

@@ -14,6 +14,8 @@
 #include <set>
 
 #include "app_test_tool.h"
+#include "crash_zip_reader.h"
+#include "zavra_test_expect.h"
 #include "zavra_test_net.h"
 #include "zavra_test_udev.h"
 
@@ -22,45 +24,21 @@ namespace {
 
 using Entries = std::map<std::string, std::string>;
 using Clock = std::chrono::steady_clock;
+using zavra_test::Contains;
 
-// The entries of a zip and their contents, read by Python's zipfile after its CRC check of
-// every entry; empty when the zip cannot be read.
-Entries ReadZip(const std::string& zip, const zavra_test::TempDir& scratch) {
-    static int calls = 0;
-    const std::string out = scratch.File("unzipped" + std::to_string(++calls));
-    const std::string script = scratch.File("readzip.py");
-    zavra_test::WriteFile(script, "import sys, zipfile\n"
-                                  "z = zipfile.ZipFile(sys.argv[1])\n"
-                                  "assert z.testzip() is None\n"
-                                  "z.extractall(sys.argv[2])\n"
-                                  "print('\\n'.join(z.namelist()))\n");
+// The entries of a zip and their contents, read by Python's zipfile after its CRC check.
+Entries ReadZip(const std::string& zip) {
     Entries entries;
-    FILE* names = popen(("python3 '" + script + "' '" + zip + "' '" + out + "'").c_str(), "r");
-    if (names == nullptr)
-        return entries;
-    char line[512];
-    while (fgets(line, sizeof line, names) != nullptr) {
-        std::string name(line);
-        if (!name.empty() && name.back() == '\n')
-            name.pop_back();
-        entries[name] = zavra_test::ReadFile(out + "/" + name);
-    }
-    if (pclose(names) != 0)
-        entries.clear();
+    EXPECT_TRUE(crash_test::ReadZip(zip, entries)) << zip << " is not a valid zip";
     return entries;
 }
 
+// The zip holds exactly the expected entries, each byte for byte.
 void ExpectEntries(const Entries& got, const Entries& expected) {
-    std::set<std::string> gotNames, expectedNames;
-    for (const auto& entry : got)
-        gotNames.insert(entry.first);
     for (const auto& entry : expected)
-        expectedNames.insert(entry.first);
-    ASSERT_EQ(gotNames, expectedNames);
-    for (const auto& entry : expected)
-        EXPECT_TRUE(got.at(entry.first) == entry.second)
-            << entry.first << ": " << got.at(entry.first).size() << " bytes, expected "
-            << entry.second.size();
+        EXPECT_TRUE(got.count(entry.first) == 1 && got.at(entry.first) == entry.second)
+            << entry.first;
+    EXPECT_EQ(got.size(), expected.size()) << "entries beside the expected ones";
 }
 
 // The names in a directory, without "." and "..".
@@ -128,19 +106,10 @@ struct CrashRun {
     }
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
     // Waits until the tool has printed `text` `times` times.
-    bool WaitForOutput(const std::string& text, int timeoutMs, size_t times = 1) {
-        const Clock::time_point end = Clock::now() + std::chrono::milliseconds(timeoutMs);
-        for (;;) {
-            const std::string err = tool.Stderr();
-            size_t count = 0;
-            for (size_t at = err.find(text); at != std::string::npos; at = err.find(text, at + 1))
-                ++count;
-            if (count >= times)
-                return true;
-            if (Clock::now() > end || !tool.Running())
-                return false;
-            usleep(20000);
-        }
+    bool WaitForOutput(const std::string& text, int timeoutMs, int times = 1) {
+        auto printed = [&] { return zavra_test::CountOf(tool.Stderr(), text) >= times; };
+        return zavra_test::WaitUntil([&] { return printed() || !tool.Running(); }, timeoutMs) &&
+               printed();
     }
     // What the modem's section of this name holds, decoded.
     std::string Section(const std::string& description) const {
@@ -155,8 +124,7 @@ struct CrashRun {
     Entries ExpectedZip(const std::string& crashLogName, bool dump) {
         const std::string modemZip = bench.dir.File("modem-zip.zip");
         zavra_test::WriteFile(modemZip, Section("crash_dump_1.zip"));
-        Entries expected = ReadZip(modemZip, bench.dir);
-        EXPECT_FALSE(expected.empty()) << "the modem's own zip is unreadable";
+        Entries expected = ReadZip(modemZip);
         for (const char* kor : {"0", "1"})
             expected[std::string("logging_kor_thread") + kor + ".zol"] =
                 Section(std::string("logging_kor") + kor + "_chunk1.zol") +
@@ -176,18 +144,15 @@ TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
     run.Start({"-v5", run.bench.Out()});
     ExpectExit(run.tool, 50, 60000);
     const std::string err = run.tool.Stderr();
-    EXPECT_NE(err.find("Found modem port " + run.bench.modem.AtPortPath() +
-                       ", Zavra ZM200 Modem, 1e2d_0061_00_SN0001"),
-              std::string::npos)
-        << err;
+    EXPECT_TRUE(Contains(err, "Found modem port " + run.bench.modem.AtPortPath() +
+                                  ", Zavra ZM200 Modem, 1e2d_0061_00_SN0001"));
     for (const char* status :
          {"Possible target crash.", "Waiting for device to restart (takes about 10 seconds).",
           "Checking if target crash information is available.",
           "Reading core dump of 300000 bytes.", "Retrieved crash dump information."})
-        EXPECT_NE(err.find(PortFail(status)), std::string::npos) << status << "\n" << err;
-    EXPECT_NE(err.find("TARGET-CRASH: Crash ZIP saved to '" + run.Path("out-crash.zip") + "'\n"),
-              std::string::npos)
-        << err;
+        EXPECT_TRUE(Contains(err, PortFail(status)));
+    EXPECT_TRUE(
+        Contains(err, "TARGET-CRASH: Crash ZIP saved to '" + run.Path("out-crash.zip") + "'\n"));
     EXPECT_EQ(run.bench.modem.AtCommands(), kDumpedAndReset);
 
     // Every byte the modem delivered before it crashed is in the capture.
@@ -204,8 +169,7 @@ TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
     EXPECT_EQ(bundle, (std::set<std::string>{"out-crash.txt", "out-crash.zip", "out.zom"}));
     EXPECT_TRUE(zavra_test::ReadFile(run.Path("out-crash.txt")) ==
                 Text(run.bench.modem.CrashInfoText()));
-    ExpectEntries(ReadZip(run.Path("out-crash.zip"), run.bench.dir),
-                  run.ExpectedZip("out-crashlog.txt", true));
+    ExpectEntries(ReadZip(run.Path("out-crash.zip")), run.ExpectedZip("out-crashlog.txt", true));
     EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
 }
 
@@ -228,8 +192,7 @@ TEST(Crash, SocketOnlyCaptureNamesTheBundleByTheTime) {
     EXPECT_EQ(*names.begin(), base + "-crash.txt");
     EXPECT_EQ(base.size(), strlen("zavra_log_yy-mm-dd_hh-mm-ss")) << base;
     EXPECT_EQ(base.rfind("zavra_log_", 0), 0u) << base;
-    ExpectEntries(ReadZip(cwd + "/" + zip, run.bench.dir),
-                  run.ExpectedZip(base + "-crashlog.txt", true));
+    ExpectEntries(ReadZip(cwd + "/" + zip), run.ExpectedZip(base + "-crashlog.txt", true));
 }
 
 // A modem that keeps its full dump to itself: the crash information and the crash log still
@@ -253,7 +216,7 @@ TEST(Crash, ModemsWithoutAFullDumpStillGiveABundle) {
         ExpectExit(run.tool, 50, 60000);
         EXPECT_EQ(run.bench.modem.AtCommands(), c.commands);
         EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.bin")));
-        ExpectEntries(ReadZip(run.Path("out-crash.zip"), run.bench.dir),
+        ExpectEntries(ReadZip(run.Path("out-crash.zip")),
                       run.ExpectedZip("out-crashlog.txt", false));
         EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
     }
@@ -262,17 +225,17 @@ TEST(Crash, ModemsWithoutAFullDumpStillGiveABundle) {
 // Crash information without the modem's zip: nothing to add to, so every file stays, under the
 // names of the bundle, and the decoded sections in a folder of their own.
 TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
-    const std::string events = "MDEyMzQ1Njc4OWFiY2RlZjAxMjM0NTY3ODlhYmNkZWYwMTIzNDU2Nzg5YWJjZGVm";
-    const std::string info = "--Zavra debug info\r\n"
-                             "Content-Description: bb_events.txt\r\n"
-                             "Content-Transfer-Encoding: x-base64\r\n\r\n" +
-                             events + "\r\n" + events + "\r\n" + events + "\r\n" + events + "\r\n" +
-                             events +
-                             "\r\n--Zavra debug info\r\n"
-                             "Content-Description: crash_summary.txt\r\n"
-                             "Content-Transfer-Encoding: text/plain\r\n\r\n"
-                             "line one\r\nline two\r\n"
-                             "--Zavra debug info--\r\n";
+    // Five lines, each the base64 of "0123456789abcdef" three times.
+    const std::string events =
+        "MDEyMzQ1Njc4OWFiY2RlZjAxMjM0NTY3ODlhYmNkZWYwMTIzNDU2Nzg5YWJjZGVm\r\n";
+    std::string info = "--Zavra debug info\r\nContent-Description: bb_events.txt\r\n"
+                       "Content-Transfer-Encoding: x-base64\r\n\r\n",
+                expectedEvents;
+    for (int i = 0; i < 5; ++i)
+        info += events, expectedEvents += "0123456789abcdef0123456789abcdef0123456789abcdef";
+    info += "--Zavra debug info\r\nContent-Description: crash_summary.txt\r\n"
+            "Content-Transfer-Encoding: text/plain\r\n\r\nline one\r\nline two\r\n"
+            "--Zavra debug info--\r\n";
     CrashRun run;
     run.bench.options.crash.crashInfoFile = run.Path("info.txt");
     ASSERT_TRUE(zavra_test::WriteFile(run.bench.options.crash.crashInfoFile, info));
@@ -284,14 +247,10 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
     run.Start({run.bench.Out()});
     ExpectExit(run.tool, 50, 60000);
     const std::string err = run.tool.Stderr();
-    EXPECT_NE(err.find("TARGET-CRASH: Failed to find the crash dump zip file in the crash "
-                       "information.\n"),
-              std::string::npos)
-        << err;
-    EXPECT_NE(
-        err.find("TARGET-CRASH: Crash files saved in '" + run.Path("out-crash-files") + "'\n"),
-        std::string::npos)
-        << err;
+    EXPECT_TRUE(Contains(
+        err, "TARGET-CRASH: Failed to find the crash dump zip file in the crash information.\n"));
+    EXPECT_TRUE(Contains(err, "TARGET-CRASH: Crash files saved in '" + run.Path("out-crash-files") +
+                                  "'\n"));
     EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
     EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.dmp")));
     EXPECT_EQ(Names(run.Path("out-crash-files")),
@@ -308,64 +267,59 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
         ASSERT_EQ(stat(run.Path(name).c_str(), &kept), 0);
         EXPECT_EQ(kept.st_mode & 0777, log.st_mode & 0777) << name;
     }
-    std::string sixteen = "0123456789abcdef", expectedEvents;
-    for (int i = 0; i < 15; ++i)
-        expectedEvents += sixteen;
     EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash-files/bb_events.txt")), expectedEvents);
     EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash-files/crash_summary.txt")),
               "line one\nline two");
     EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
 }
 
-// The AT port never comes back: the wait of 35 attempts of 400 ms ends and says why; a signal
-// during that wait ends the run at once with its own status.
-TEST(Crash, AnAtPortThatNeverComesBackEndsTheWaitOrASignalDoes) {
-    for (bool signal : {true, false}) {
-        SCOPED_TRACE(signal ? "SIGTERM" : "the whole wait");
+// The AT port never comes back: the wait of 35 attempts of 400 ms ends and says why. A signal
+// during that wait, or in the middle of the retrieval, ends the run at once with its own status.
+// The retrieval's files are all in the check's own folder beside the log, which goes: nothing is
+// left there, nor in the current directory.
+TEST(Crash, TheWaitEndsOnAPortThatNeverComesBackAndASignalEndsTheCheckLeavingNoFile) {
+    const struct {
+        const char* what;
+        zsim::CrashFault fault;
+        const char* signalAfter; // the status line the case waits for before it signals or waits
+        int status, timeoutMs;
+    } cases[] = {
+        {"SIGTERM in the wait", zsim::CrashFault::NeverComesBack,
+         "Waiting for device to restart (takes about 10 seconds).", 15, 1000},
+        {"the whole wait", zsim::CrashFault::NeverComesBack,
+         "Waiting for device to restart (takes about 10 seconds).", 50, 60000},
+        // The crash information and the crash log are still to come, each ending on 300 ms of
+        // quiet.
+        {"SIGTERM in the retrieval", zsim::CrashFault::None, "Reading core dump of 300000 bytes.",
+         15, 5000},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
         CrashRun run;
-        run.bench.options.crash.fault = zsim::CrashFault::NeverComesBack;
-        run.Start({run.bench.Out()});
-        const std::string waiting =
-            PortFail("Waiting for device to restart (takes about 10 seconds).");
-        ASSERT_TRUE(run.WaitForOutput(waiting, 30000)) << run.tool.Stderr();
+        run.bench.options.crash.fault = c.fault;
+        const std::string cwd = run.Path("cwd");
+        ASSERT_EQ(mkdir(cwd.c_str(), 0755), 0);
+        run.Start({run.bench.Out()}, cwd);
+        ASSERT_TRUE(run.WaitForOutput(PortFail(c.signalAfter), 30000)) << run.tool.Stderr();
         const Clock::time_point start = Clock::now();
-        if (signal) {
+        if (c.status == 15)
             run.tool.Signal(SIGTERM);
-            ExpectExit(run.tool, 15, 1000);
-        } else {
-            ExpectExit(run.tool, 50, 60000);
+        ExpectExit(run.tool, c.status, c.timeoutMs);
+        const std::string err = run.tool.Stderr();
+        if (c.status == 50) {
             EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(12000));
-            const std::string err = run.tool.Stderr();
-            EXPECT_NE(err.find(PortFail("No crash information detected (port could not be "
-                                        "opened).")),
-                      std::string::npos)
-                << err;
-            EXPECT_NE(err.find("PORT-FAIL: AT port '" + run.bench.modem.AtPortPath() +
-                               "': Failed to open AT port ("),
-                      std::string::npos)
-                << err;
+            EXPECT_TRUE(Contains(
+                err, PortFail("No crash information detected (port could not be opened).")));
+            EXPECT_TRUE(Contains(err, "PORT-FAIL: AT port '" + run.bench.modem.AtPortPath() +
+                                          "': Failed to open AT port ("));
         }
-        EXPECT_EQ(run.bench.modem.AtCommands(), std::vector<std::string>());
+        if (c.fault == zsim::CrashFault::NeverComesBack) {
+            EXPECT_EQ(run.bench.modem.AtCommands(), std::vector<std::string>());
+        }
+        EXPECT_EQ(Names(cwd), std::set<std::string>());
         EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+        EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
     }
-}
-
-// A signal in the middle of the retrieval ends the run with its status. The retrieval's files
-// are all in the check's own folder beside the log, which goes: nothing is left there, nor in
-// the current directory.
-TEST(Crash, ASignalDuringTheRetrievalLeavesNoFileBehind) {
-    CrashRun run;
-    const std::string cwd = run.Path("cwd");
-    ASSERT_EQ(mkdir(cwd.c_str(), 0755), 0);
-    run.Start({run.bench.Out()}, cwd);
-    // The crash information and the crash log are still to come, each ending on 300 ms of quiet.
-    ASSERT_TRUE(run.WaitForOutput(PortFail("Reading core dump of 300000 bytes."), 30000))
-        << run.tool.Stderr();
-    run.tool.Signal(SIGTERM);
-    ExpectExit(run.tool, 15, 5000);
-    EXPECT_EQ(Names(cwd), std::set<std::string>());
-    EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
-    EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
 }
 
 TEST(Crash, WithoutTheCheckNoAtCommandIsSent) {
@@ -417,10 +371,9 @@ TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
     for (size_t i = 0; i < 2; ++i) {
         const std::string log = logs[i];
         SCOPED_TRACE(log);
-        EXPECT_NE(run.tool.Stderr().find(saved + store + "/" + log + "-crash.zip'"),
-                  std::string::npos);
+        EXPECT_TRUE(Contains(run.tool.Stderr(), saved + store + "/" + log + "-crash.zip'"));
         EXPECT_TRUE(zavra_test::FileExists(store + "/" + log + "-crash.txt"));
-        ExpectEntries(ReadZip(store + "/" + log + "-crash.zip", run.bench.dir),
+        ExpectEntries(ReadZip(store + "/" + log + "-crash.zip"),
                       run.ExpectedZip(log + "-crashlog.txt", true));
     }
     EXPECT_EQ(Leftovers(store), std::set<std::string>());
@@ -434,7 +387,7 @@ TEST(CrashDaemon, ExitOnPortFailureChecksFirst) {
     ExpectExit(run.tool, 50, 60000);
     const std::vector<std::string> logs = Logs(store);
     ASSERT_EQ(logs.size(), 1u);
-    ExpectEntries(ReadZip(store + "/" + logs[0] + "-crash.zip", run.bench.dir),
+    ExpectEntries(ReadZip(store + "/" + logs[0] + "-crash.zip"),
                   run.ExpectedZip(logs[0] + "-crashlog.txt", true));
     EXPECT_EQ(run.bench.modem.AtCommands(), kDumpedAndReset);
 }

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "zavra_test_expect.h"
 #include "zavra_test_files.h"
 #include "zavra_test_process.h"
 #include "zsim-modem.h"
@@ -48,6 +49,13 @@ struct Bench {
         options.gen.enabled = false;
     }
     void StartModem() { ASSERT_TRUE(modem.Start(options)) << modem.Error(); }
+    // A stream of `size` bytes at full speed, with a run of garbage between records now and then.
+    void StartFlood(uint64_t size) {
+        options.gen.enabled = true;
+        options.gen.stopAfterBytes = size;
+        options.gen.garbageEvery = 500;
+        StartModem();
+    }
     std::string Port() const { return modem.PortPath(); }
     std::string Sent() const { return dir.File("sent.bin"); }
     std::string Out() const { return dir.File("out.zom"); }
@@ -56,13 +64,7 @@ struct Bench {
 inline void StartTool(zavra_test::Process& tool, const std::vector<std::string>& args) {
     ASSERT_TRUE(tool.Start(ZAVRA_LOG_SERIAL_PATH, args)) << tool.Error();
 }
-inline void ExpectExit(zavra_test::Process& tool, int status, int timeoutMs = 20000) {
-    if (!tool.Wait(timeoutMs)) {
-        tool.Kill();
-        FAIL() << "the tool did not end in time; stderr:\n" << tool.Stderr();
-    }
-    EXPECT_EQ(tool.ExitCode(), status) << zavra_test::Describe(tool);
-}
+using zavra_test::ExpectExit;
 
 // The file holds exactly the first `size` bytes the modem sent.
 inline void ExpectCaptured(const std::string& file, Bench& bench, uint64_t size) {

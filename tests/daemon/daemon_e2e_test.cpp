@@ -1,112 +1,23 @@
 // zavra_log_serial -a end to end: the real binary, a simulated modem on a pty, loopback clients.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cctype>
 #include <chrono>
-#include <csignal>
-#include <functional>
-#include <sys/mount.h>
+#include <regex>
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <thread>
 #include <unistd.h>
 
-#include "daemon_test_files.h"
-#include "zavra_test_net.h"
-#include "zavra_test_process.h"
-#include "zsim-modem.h"
+#include "daemon_run.h"
 
 using namespace daemon_test;
 
 namespace {
 
-const long long kMiB = 1 << 20;
+// A log's name: "daemon_" and the date and time it began (then, in segments, the number).
+const char* const kLogName = R"(daemon_\d\d-\d\d-\d\d_\d\d-\d\d-\d\d)";
 
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs, int stepMs = 20) {
-    for (int waited = 0; !done(); waited += stepMs) {
-        if (waited >= timeoutMs)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(stepMs));
-    }
-    return true;
-}
-
-// The tool in daemon mode as a child process, beside a simulated modem on a pseudo-terminal.
-struct DaemonRun {
-    zavra_test::TempDir scratch;
-    std::string store = scratch.File("store"); // the daemon directory
-    zsim::ModemOptions options;
-    zsim::Modem modem;
-    zavra_test::Process tool;
-    const int port = zavra_test::FreeTcpPort();
-
-    DaemonRun() {
-        mkdir(store.c_str(), 0755);
-        options.dir = scratch.Path();
-        options.teeFile = scratch.File("sent.bin");
-    }
-    // `bytes` of stream (0: endless) at `rate` bytes per second (0: as fast as the pty takes).
-    void StartModem(uint64_t bytes, uint64_t rate = 0) {
-        options.gen.stopAfterBytes = bytes;
-        options.gen.bytesPerSecond = rate;
-        ASSERT_TRUE(modem.Start(options)) << modem.Error();
-    }
-    // zavra_log_serial -d<port> -a<store>[,<sizes>] -t plus `extra`.
-    void StartTool(const std::string& sizes, std::vector<std::string> args = {}) {
-        args.insert(args.begin(), {"-d" + modem.PortPath(),
-                                   "-a" + store + (sizes.empty() ? "" : "," + sizes), "-t"});
-        ASSERT_TRUE(tool.Start(ZAVRA_LOG_SERIAL_PATH, args)) << tool.Error();
-    }
-    std::string Serve() { return "-p" + std::to_string(port); }
-    int Connect() {
-        int client = zavra_test::ConnectTcp(port, 5000);
-        EXPECT_GE(client, 0);
-        return client;
-    }
-    void ExpectExit(int status) {
-        if (!tool.Wait(10000)) {
-            tool.Kill();
-            FAIL() << "the tool did not end in time; stderr:\n" << tool.Stderr();
-        }
-        EXPECT_EQ(tool.ExitCode(), status) << zavra_test::Describe(tool);
-        modem.FlushFiles();
-    }
-    void Terminate() {
-        tool.Signal(SIGTERM);
-        ExpectExit(15);
-    }
-    std::string Sent() const { return zavra_test::ReadFile(scratch.File("sent.bin")); }
-    std::string StoreFile(const std::string& name) const { return store + "/" + name; }
-    bool WaitForJournal(const std::string& text, int timeoutMs) const {
-        return WaitUntil([&] { return JournalCount(store, text) > 0; }, timeoutMs);
-    }
-    // Waits until the tool has read all the modem sent; returns the largest directory size seen.
-    long long DrainWatchingBudget() {
-        long long largest = 0;
-        EXPECT_TRUE(WaitUntil(
-            [&] {
-                largest = std::max(largest, ZomBytes(store));
-                return modem.Counters().generatorDone && modem.Unread() == 0;
-            },
-            30000, 5));
-        return largest;
-    }
-};
-
-// Whether `text` starts with `shape`, where '#' stands for any digit.
-bool Shaped(const std::string& text, const std::string& shape) {
-    for (size_t i = 0; i < shape.size(); ++i)
-        if (i >= text.size() ||
-            (shape[i] == '#' ? !isdigit(static_cast<unsigned char>(text[i])) : text[i] != shape[i]))
-            return false;
-    return true;
-}
-
+// The segment number in a segment's name, "?" for any other name.
 std::string Segment(const std::string& name) {
-    return Shaped(name, "daemon_##-##-##_##-##-##_###.zom") && name.size() == 32
-               ? name.substr(25, 3)
-               : "?";
+    std::smatch match;
+    const std::regex segment(kLogName + std::string(R"(_(\d{3})\.zom)"));
+    return std::regex_match(name, match, segment) ? match[1].str() : "?";
 }
 
 } // namespace
@@ -138,7 +49,8 @@ TEST(DaemonTool, SegmentsOfExactSizeHoldTheTailOfTheStreamWithinTheBudgetPastASt
     EXPECT_EQ(run.modem.RecordsWithId(run.modem.Ids().hostTime).size(), 13u);
 
     for (const std::string& line : JournalLines(run.store))
-        EXPECT_TRUE(Shaped(line, "##/##/#### ##:##:##: ") && line.size() > 21) << line;
+        EXPECT_TRUE(std::regex_match(line, std::regex(R"(\d\d/\d\d/\d{4} \d\d:\d\d:\d\d: .+)")))
+            << line;
     for (std::string once : {": Total Size: 8388608", ": File Size: 1048576", "Shut down"})
         EXPECT_EQ(JournalCount(run.store, once), 1) << once;
     EXPECT_EQ(JournalCount(run.store, "Deleting old file '"), 4);
@@ -196,7 +108,7 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
         auto raw = run.modem.RawReceived();
         return std::search(raw.begin(), raw.end(), down.begin(), down.end()) != raw.end();
     };
-    EXPECT_TRUE(WaitUntil(reached, 5000)) << "the client's bytes reach the modem";
+    EXPECT_TRUE(zavra_test::WaitUntil(reached, 5000)) << "the client's bytes reach the modem";
     const size_t opens = run.modem.RecordsWithId(run.modem.Ids().open).size();
     close(client);
     EXPECT_TRUE(run.modem.WaitForRecordId(run.modem.Ids().open, 5000, opens + 1))
@@ -223,7 +135,7 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
     std::vector<std::string> names = ZomFiles(run.store);
     ASSERT_EQ(names.size(), 2u);
     for (const std::string& name : names)
-        EXPECT_TRUE(Shaped(name, "daemon_##-##-##_##-##-##.zom") && name.size() == 28) << name;
+        EXPECT_TRUE(std::regex_match(name, std::regex(kLogName + std::string(R"(\.zom)")))) << name;
     EXPECT_LT(names[0], names[1]) << "a new log with a later name";
     EXPECT_EQ(static_cast<uint64_t>(ZomBytes(run.store)), run.modem.Counters().delivered);
     if (run.modem.Counters().discarded == 0) {
@@ -253,7 +165,8 @@ TEST(DaemonTool, AClientBehindAStallingLinkGetsEveryByteFromItsConnection) {
         const std::string got = reader.Bytes();
         return got.size() >= 64 && got.compare(got.size() - 64, 64, sent, sent.size() - 64) == 0;
     };
-    EXPECT_TRUE(WaitUntil(hasTheEnd, 20000)) << "the client got " << reader.Size() << " bytes";
+    EXPECT_TRUE(zavra_test::WaitUntil(hasTheEnd, 20000))
+        << "the client got " << reader.Size() << " bytes";
     run.Terminate();
     reader.Stop();
     close(client);
@@ -270,12 +183,9 @@ TEST(DaemonTool, AClientBehindAStallingLinkGetsEveryByteFromItsConnection) {
 // test with a segment linked to /dev/full still covers ENOSPC (a file size limit gives EFBIG).
 TEST(DaemonTool, AFullDiskIsJournalledTheClientKeepsTheStreamAndWritingResumes) {
     DaemonRun run;
-    if (mount("tmpfs", run.store.c_str(), "tmpfs", 0, "size=1m") != 0)
+    SmallFileSystem fs(run.store, "size=1m");
+    if (!fs.mounted)
         GTEST_SKIP() << "mounting a small file system is not allowed here (errno " << errno << ")";
-    struct Unmount {
-        std::string path;
-        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
-    } unmount{run.store};
     zavra_test::WriteFile(run.StoreFile("filler.bin"), std::string(256 << 10, 'f'));
 
     run.StartModem(0, 2000000);

@@ -1,43 +1,17 @@
 // zavra_log_serial -a when things go wrong, end to end: a file system that fills up, a directory
 // that is not one or cannot be written, a second instance on the same port or directory, and a
 // port that is not there yet. The real binary, a simulated modem on a pty.
-#include <gtest/gtest.h>
-
 #include <chrono>
-#include <csignal>
-#include <functional>
 #include <regex>
-#include <sys/mount.h>
-#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 
-#include "daemon_test_files.h"
-#include "zavra_test_process.h"
-#include "zsim-modem.h"
+#include "daemon_run.h"
+#include "zavra_test_expect.h"
 
 using namespace daemon_test;
 
 namespace {
-
-const long long kMiB = 1 << 20;
-
-bool WaitUntil(const std::function<bool()>& done, int timeoutMs, int stepMs = 20) {
-    for (int waited = 0; !done(); waited += stepMs) {
-        if (waited >= timeoutMs)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(stepMs));
-    }
-    return true;
-}
-
-// How many times `text` occurs in `all`.
-int Count(const std::string& all, const std::string& text) {
-    int count = 0;
-    for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
-        ++count;
-    return count;
-}
 
 // The sum of the numbers caught by the first group of `pattern` over every match in `text`.
 long long SumOf(const std::string& text, const std::string& pattern, int& matches) {
@@ -49,69 +23,13 @@ long long SumOf(const std::string& text, const std::string& pattern, int& matche
     return sum;
 }
 
-// A tmpfs of its own on a directory of the test, unmounted at the end.
-struct SmallFileSystem {
-    std::string path;
-    bool mounted = false;
-    SmallFileSystem(const std::string& dir, const char* options, unsigned long flags = 0)
-        : path(dir), mounted(mount("tmpfs", dir.c_str(), "tmpfs", flags, options) == 0) {}
-    ~SmallFileSystem() {
-        if (mounted)
-            umount2(path.c_str(), MNT_DETACH);
-    }
-};
-
-// A simulated modem on a pty and the tool beside it, each daemon with its own directory.
-struct FaultRun {
-    zavra_test::TempDir scratch;
-    std::string store = scratch.File("store");
-    zsim::ModemOptions options;
-    zsim::Modem modem;
-    zavra_test::Process tool;
-
-    FaultRun() {
-        mkdir(store.c_str(), 0755);
-        options.dir = scratch.Path();
-        options.teeFile = scratch.File("sent.bin");
-    }
-    void StartModem(uint64_t bytes, uint64_t rate) {
-        options.gen.stopAfterBytes = bytes;
-        options.gen.bytesPerSecond = rate;
-        ASSERT_TRUE(modem.Start(options)) << modem.Error();
-    }
-    void Start(zavra_test::Process& process, const std::vector<std::string>& args) {
-        ASSERT_TRUE(process.Start(ZAVRA_LOG_SERIAL_PATH, args)) << process.Error();
-    }
-    // Waits until the tool has read everything the modem generated.
-    void WaitDrained() {
-        ASSERT_TRUE(WaitUntil([&] { return modem.Counters().generatorDone && modem.Unread() == 0; },
-                              60000, 10));
-    }
-    void Terminate(zavra_test::Process& process) {
-        process.Signal(SIGTERM);
-        ExpectExit(process, 15, 10000);
-        modem.FlushFiles();
-    }
-    static void ExpectExit(zavra_test::Process& process, int status, int timeoutMs) {
-        if (!process.Wait(timeoutMs)) {
-            process.Kill();
-            FAIL() << "the tool did not end in time; stderr:\n" << process.Stderr();
-        }
-        EXPECT_EQ(process.ExitCode(), status) << zavra_test::Describe(process);
-    }
-    std::string Sent() const { return zavra_test::ReadFile(scratch.File("sent.bin")); }
-    bool WaitForJournal(const std::string& dir, const std::string& text, int timeoutMs) const {
-        return WaitUntil([&] { return JournalCount(dir, text) > 0; }, timeoutMs);
-    }
-};
-
 } // namespace
 
 // 4 MiB of tmpfs, a quarter taken by a file the store may not touch, 2 MiB segments with -f:
 // segment 000 stays, so each later segment fills what is left, loses the rest of its 2 MiB, and
 // the next one makes room by deleting it.
 TEST(DaemonFaults, AFullFileSystemKeepsTheNewestDataAndReportsEveryLostByte) {
-    FaultRun run;
+    DaemonRun run;
     SmallFileSystem fs(run.store, "size=4m");
     if (!fs.mounted)
         GTEST_SKIP() << "cannot mount a small tmpfs here (errno " << errno << ")";
@@ -119,9 +37,9 @@ TEST(DaemonFaults, AFullFileSystemKeepsTheNewestDataAndReportsEveryLostByte) {
 
     const long long flood = 6 * kMiB + kMiB / 2;
     run.StartModem(flood, 0);
-    run.Start(run.tool, {"-d" + run.modem.PortPath(), "-a" + run.store + ",64,2", "-f", "-t"});
-    run.WaitDrained();
-    run.Terminate(run.tool);
+    run.StartTool("64,2", {"-f"});
+    run.DrainWatchingBudget(60000);
+    run.Terminate();
     const std::string err = run.tool.Stderr();
 
     const long long delivered = static_cast<long long>(run.modem.Counters().delivered);
@@ -138,7 +56,8 @@ TEST(DaemonFaults, AFullFileSystemKeepsTheNewestDataAndReportsEveryLostByte) {
     EXPECT_TRUE(newest.substr(newest.size() - kMiB / 2) == sent.substr(sent.size() - kMiB / 2));
 
     // Every byte that is not on disk was either in a deleted file or reported lost, exactly.
-    const int stops = Count(err, "Warning: Writing to the log directory '" + run.store +
+    const int stops =
+        zavra_test::CountOf(err, "Warning: Writing to the log directory '" + run.store +
                                      "' stopped (No space left on device): nothing is left to "
                                      "delete, log data is being lost.\n");
     int ends = 0, deletions = 0;
@@ -151,7 +70,7 @@ TEST(DaemonFaults, AFullFileSystemKeepsTheNewestDataAndReportsEveryLostByte) {
            delivered, onDisk, deleted, deletions, lost, ends);
     EXPECT_GE(stops, 2) << err;
     EXPECT_EQ(ends, stops) << "each stop has its resume line\n" << err;
-    EXPECT_EQ(Count(err, "resumed; "), stops) << err;
+    EXPECT_EQ(zavra_test::CountOf(err, "resumed; "), stops) << err;
     EXPECT_GT(lost, 0);
     EXPECT_GE(deletions, 2);
     EXPECT_EQ(delivered - onDisk, deleted + lost) << err;
@@ -164,7 +83,7 @@ TEST(DaemonFaults, AFullFileSystemKeepsTheNewestDataAndReportsEveryLostByte) {
 }
 
 TEST(DaemonFaults, ADirectoryThatIsAFileOrCannotBeWrittenIsRefusedAtStart) {
-    FaultRun run;
+    DaemonRun run;
     const std::string file = run.scratch.File("plain-file");
     ASSERT_TRUE(zavra_test::WriteFile(file, "keep me"));
     const std::string readOnly = run.scratch.File("read-only");
@@ -188,19 +107,19 @@ TEST(DaemonFaults, ADirectoryThatIsAFileOrCannotBeWrittenIsRefusedAtStart) {
     }
     for (const Case& c : cases) {
         zavra_test::Process tool;
-        run.Start(tool, {"-d/dev/null", "-a" + c.dir + ",16,2", "-t"});
-        FaultRun::ExpectExit(tool, 0, 10000);
-        EXPECT_NE(tool.Stderr().find(c.message), std::string::npos) << tool.Stderr();
+        DaemonRun::Start(tool, {"-d/dev/null", "-a" + c.dir + ",16,2", "-t"});
+        zavra_test::ExpectExit(tool, 0, 10000);
+        EXPECT_TRUE(zavra_test::Contains(tool.Stderr(), c.message));
     }
     EXPECT_EQ(zavra_test::ReadFile(file), "keep me");
 }
 
 TEST(DaemonFaults, ASecondInstanceOnThePortOrTheDirectoryIsRefusedAtOnceAndTheFirstKeepsEveryByte) {
-    FaultRun run;
+    DaemonRun run;
     run.StartModem(3 * kMiB, 600000);
     const std::string port = run.modem.PortPath();
-    run.Start(run.tool, {"-d" + port, "-a" + run.store, "-t"});
-    ASSERT_TRUE(run.WaitForJournal(run.store, "ConnectThread: Port opened.", 10000));
+    run.StartTool("");
+    ASSERT_TRUE(run.WaitForJournal("ConnectThread: Port opened.", 10000));
 
     const std::string other = run.scratch.File("other");
     mkdir(other.c_str(), 0755);
@@ -224,43 +143,42 @@ TEST(DaemonFaults, ASecondInstanceOnThePortOrTheDirectoryIsRefusedAtOnceAndTheFi
     for (const auto& second : seconds) {
         zavra_test::Process tool;
         const auto start = std::chrono::steady_clock::now();
-        run.Start(tool, second.args);
-        FaultRun::ExpectExit(tool, 11, 10000);
+        DaemonRun::Start(tool, second.args);
+        zavra_test::ExpectExit(tool, 11, 10000);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << second.what;
-        EXPECT_NE(tool.Stderr().find(second.message), std::string::npos) << second.what << ":\n"
-                                                                         << tool.Stderr();
+        EXPECT_TRUE(zavra_test::Contains(tool.Stderr(), second.message)) << second.what;
         ASSERT_TRUE(run.tool.Running()) << second.what;
     }
     EXPECT_EQ(zavra_test::FileSize(run.scratch.File("second.zom")), 0) << "nothing captured";
     EXPECT_FALSE(zavra_test::FileExists(other + "/daemon.log"));
 
-    run.WaitDrained();
-    run.Terminate(run.tool);
+    run.DrainWatchingBudget(60000);
+    run.Terminate();
     EXPECT_EQ(run.modem.Counters().discarded, 0u);
     EXPECT_TRUE(ZomConcat(run.store) == run.Sent()) << "the first daemon kept the whole stream";
     EXPECT_EQ(JournalCount(run.store, "Initialising started."), 1) << "its journal untouched";
 }
 
 TEST(DaemonFaults, APortThatCannotBeOpenedIsExplainedOnceAndItsOpeningIsSaid) {
-    FaultRun run;
+    DaemonRun run;
     run.StartModem(0, 100000);
     const std::string later = run.scratch.File("modem-later");
-    run.Start(run.tool, {"-d" + later, "-a" + run.store, "-t"});
+    DaemonRun::Start(run.tool, {"-d" + later, "-a" + run.store, "-t"});
     const std::string reason = "Failed to open the serial logging interface '" + later +
                                "' (No such file or directory). Retrying every second.";
-    ASSERT_TRUE(run.WaitForJournal(run.store, reason, 10000));
+    ASSERT_TRUE(run.WaitForJournal(reason, 10000));
     // Several retries go by before the port appears.
     std::this_thread::sleep_for(std::chrono::milliseconds(3500));
     ASSERT_EQ(symlink(run.modem.PortPath().c_str(), later.c_str()), 0);
-    ASSERT_TRUE(run.WaitForJournal(run.store, "ConnectThread: Port opened.", 10000));
+    ASSERT_TRUE(run.WaitForJournal("ConnectThread: Port opened.", 10000));
     ASSERT_TRUE(run.modem.WaitForChannelOpen(true, 5000));
     run.modem.SetGeneratorEnabled(false);
-    run.Terminate(run.tool);
+    run.Terminate();
 
     EXPECT_EQ(JournalCount(run.store, reason), 1);
     EXPECT_EQ(JournalCount(run.store, "ConnectThread: Connect request."), 1);
     const std::string err = run.tool.Stderr();
-    EXPECT_EQ(Count(err, "Warning: " + reason + "\n"), 1) << err;
+    EXPECT_EQ(zavra_test::CountOf(err, "Warning: " + reason + "\n"), 1) << err;
     int opened = 0;
     const long long attempts = SumOf(
         err, "Warning: The port '" + later + "' opened after ([0-9]+) failed attempts\\.", opened);

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "zavra_test_process.h"
 #include "zv-send-queue.h"
 #include "zv-socket.h"
 #include "zv-time.h"
@@ -183,11 +184,8 @@ TEST(SendQueue, NoPeerOrAGonePeerQueuesAndCountsNothingAndAnOversizedChunkIsDrop
     // The peer goes: the writer's sends fail and the queue stops taking chunks, uncounted.
     close(link.far);
     link.far = -1;
-    const unsigned start = ZvTime::GetMsTickTime();
-    while (queue.IsSending() && ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()) < 5000) {
-        queue.Push(Chunk(1).data(), kChunk);
-        ZvTime::Sleep(5);
-    }
+    EXPECT_TRUE(zavra_test::WaitUntil(
+        [&] { return queue.Push(Chunk(1).data(), kChunk) == ZvSendQueue::kNotSending; }, 5000, 5));
     EXPECT_FALSE(queue.IsSending());
     const uint64_t dropped = queue.DroppedChunks();
     EXPECT_EQ(queue.Push(Chunk(2).data(), kChunk), ZvSendQueue::kNotSending);

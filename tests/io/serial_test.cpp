@@ -10,9 +10,12 @@
 #include <unistd.h>
 #include <vector>
 
+#include "zavra_test_process.h"
 #include "zv-itf-serial.h"
 #include "zv-serial.h"
 #include "zv-time.h"
+
+using zavra_test::WaitUntil;
 
 namespace {
 
@@ -62,17 +65,6 @@ struct Recorder : ZvItfAsyncRxHandlers {
     }
     void OnRxFail() override { ++fails; }
 };
-
-template <typename Predicate>
-bool WaitUntil(Predicate done, unsigned ms) {
-    const unsigned start = ZvTime::GetMsTickTime();
-    while (!done()) {
-        if (ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()) > ms)
-            return false;
-        ZvTime::Sleep(2);
-    }
-    return true;
-}
 
 class ItfSerial : public ::testing::Test {
 protected:
@@ -173,7 +165,7 @@ TEST_F(ItfSerial, DeliversEveryByteSendsUnchangedAndFailsOnceOnHangUp) {
     for (size_t i = 0; i < sent.size(); ++i)
         sent[i] = static_cast<unsigned char>(i * 7 + i / 256);
     pty.WriteAll(sent.data(), sent.size());
-    ASSERT_TRUE(WaitUntil([&] { return recorder.got >= sent.size(); }, 10000));
+    ASSERT_TRUE(WaitUntil([&] { return recorder.got >= sent.size(); }, 10000, 2));
     ZvTime::Sleep(500); // idle reads time out every 200 ms: no failure, no stray bytes
     EXPECT_TRUE(itf.IsReading());
     EXPECT_EQ(0, recorder.fails.load());
@@ -189,7 +181,7 @@ TEST_F(ItfSerial, DeliversEveryByteSendsUnchangedAndFailsOnceOnHangUp) {
     // Drained, then hung up: one failure, however long the reader is left alone.
     close(pty.master);
     pty.master = -1;
-    ASSERT_TRUE(WaitUntil([&] { return recorder.fails.load() > 0; }, 3000));
+    ASSERT_TRUE(WaitUntil([&] { return recorder.fails.load() > 0; }, 3000, 2));
     ZvTime::Sleep(300);
     EXPECT_EQ(1, recorder.fails.load());
     EXPECT_TRUE(itf.IsOpen()); // failed, not yet closed
@@ -220,7 +212,7 @@ TEST_F(ItfSerial, CloseFromOwnerAndFromHandlerAndFastEmptyReads) {
     ASSERT_TRUE(itf.OnOpen());
     std::vector<unsigned char> block(1000, 0x42);
     pty.WriteAll(block.data(), 1);
-    ASSERT_TRUE(WaitUntil([&] { return recorder.closeReturned.load(); }, 2000));
+    ASSERT_TRUE(WaitUntil([&] { return recorder.closeReturned.load(); }, 2000, 2));
     EXPECT_FALSE(itf.IsReading());
     recorder.closeFromHandler = nullptr;
 
@@ -228,7 +220,7 @@ TEST_F(ItfSerial, CloseFromOwnerAndFromHandlerAndFastEmptyReads) {
     recorder.holdMs = 50;
     ASSERT_TRUE(itf.OnOpen());
     pty.WriteAll(block.data(), block.size());
-    ASSERT_TRUE(WaitUntil([&] { return recorder.entered.load() > 1; }, 2000));
+    ASSERT_TRUE(WaitUntil([&] { return recorder.entered.load() > 1; }, 2000, 2));
     itf.OnClose();
     EXPECT_EQ(recorder.entered.load(), recorder.blocks.load());
     EXPECT_EQ(recorder.got.load(), itf.GetBytesReceived());
@@ -241,7 +233,8 @@ TEST_F(ItfSerial, CloseFromOwnerAndFromHandlerAndFastEmptyReads) {
     recorder.blockOnFd = stuck[0];
     ASSERT_TRUE(itf.OnOpen());
     pty.WriteAll(block.data(), 1);
-    ASSERT_TRUE(WaitUntil([&] { return recorder.entered.load() > recorder.blocks.load(); }, 2000));
+    ASSERT_TRUE(
+        WaitUntil([&] { return recorder.entered.load() > recorder.blocks.load(); }, 2000, 2));
     start = ZvTime::GetMsTickTime();
     itf.OnClose();
     EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 2000u);
@@ -253,7 +246,7 @@ TEST_F(ItfSerial, CloseFromOwnerAndFromHandlerAndFastEmptyReads) {
     // 99 ms gives VTIME 0: reads come back empty at once, as from a vanished device.
     itf.SetTotalTimeout(99);
     ASSERT_TRUE(itf.OnOpen());
-    ASSERT_TRUE(WaitUntil([&] { return recorder.fails.load() > 0; }, 2000));
+    ASSERT_TRUE(WaitUntil([&] { return recorder.fails.load() > 0; }, 2000, 2));
     ZvTime::Sleep(100);
     EXPECT_EQ(1, recorder.fails.load());
 }

@@ -115,7 +115,6 @@ void PausingReader::Run(int fd, unsigned everyMs, unsigned pauseMs) {
         std::lock_guard<std::mutex> lock(m_lock);
         m_bytes.append(buffer, static_cast<size_t>(got));
     }
-    m_ended = true;
 }
 
 std::string PausingReader::Bytes() const {

@@ -35,7 +35,6 @@ public:
     std::string Bytes() const;
     size_t Size() const;
     unsigned Pauses() const { return m_pauses; }
-    bool Ended() const { return m_ended; }
     void Stop();
 
 private:
@@ -44,7 +43,6 @@ private:
     mutable std::mutex m_lock;
     std::string m_bytes;
     std::atomic<bool> m_stop{false};
-    std::atomic<bool> m_ended{false};
     std::atomic<unsigned> m_pauses{0};
     std::thread m_thread;
 };

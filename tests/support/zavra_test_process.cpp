@@ -129,4 +129,21 @@ std::string Describe(const Process& process) {
     return text + "; stderr:\n" + process.Stderr();
 }
 
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs, int stepMs) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(stepMs));
+    }
+    return true;
+}
+
+int CountOf(const std::string& all, const std::string& text) {
+    int count = 0;
+    for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+        ++count;
+    return count;
+}
+
 } // namespace zavra_test

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -57,5 +58,10 @@ private:
 
 // Describes an ended child for assertion messages: "exit 2" or "signal 9", then its stderr.
 std::string Describe(const Process& process);
+
+// Polls `done` every `stepMs` until it holds (true) or `timeoutMs` have passed (false).
+bool WaitUntil(const std::function<bool()>& done, int timeoutMs, int stepMs = 20);
+// How many times `text` occurs in `all`.
+int CountOf(const std::string& all, const std::string& text);
 
 } // namespace zavra_test
