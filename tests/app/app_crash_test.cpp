@@ -42,13 +42,18 @@ void ExpectZip(const std::string& zip, const Entries& expected) {
     EXPECT_EQ(got.size(), expected.size()) << "entries beside the expected ones";
 }
 
-// The names in a directory, without "." and "..".
-std::set<std::string> Names(const std::string& dir) {
+// The names in a directory, without "." and "..", or only those that begin with one of `prefixes`.
+std::set<std::string> Names(const std::string& dir, const std::vector<std::string>& prefixes = {}) {
     std::set<std::string> names;
     if (DIR* handle = opendir(dir.c_str())) {
-        while (dirent* entry = readdir(handle))
-            if (std::string(entry->d_name) != "." && std::string(entry->d_name) != "..")
-                names.insert(entry->d_name);
+        while (dirent* entry = readdir(handle)) {
+            const std::string name = entry->d_name;
+            bool wanted = prefixes.empty() ? name != "." && name != ".." : false;
+            for (const std::string& prefix : prefixes)
+                wanted = wanted || name.rfind(prefix, 0) == 0;
+            if (wanted)
+                names.insert(name);
+        }
         closedir(handle);
     }
     return names;
@@ -56,12 +61,7 @@ std::set<std::string> Names(const std::string& dir) {
 
 // Names the retrieval or the bundle uses while it works; none may outlive a run.
 std::set<std::string> Leftovers(const std::string& dir) {
-    std::set<std::string> found;
-    for (const std::string& name : Names(dir))
-        for (const char* prefix : {".zavra-crash", "exr", "crh", "clf"})
-            if (name.rfind(prefix, 0) == 0)
-                found.insert(name);
-    return found;
+    return Names(dir, {".zavra-crash", "exr", "crh", "clf"});
 }
 
 std::string Text(const Bytes& bytes) {
@@ -161,11 +161,8 @@ TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
     ExpectCaptured(run.bench.Out(), run.bench, counters.delivered);
 
     // The bundle: the crash information as sent, and one zip holding everything else.
-    std::set<std::string> bundle;
-    for (const std::string& name : Names(run.bench.dir.Path()))
-        if (name.rfind("out", 0) == 0)
-            bundle.insert(name);
-    EXPECT_EQ(bundle, (std::set<std::string>{"out-crash.txt", "out-crash.zip", "out.zom"}));
+    EXPECT_EQ(Names(run.bench.dir.Path(), {"out"}),
+              (std::set<std::string>{"out-crash.txt", "out-crash.zip", "out.zom"}));
     EXPECT_TRUE(zavra_test::ReadFile(run.Path("out-crash.txt")) ==
                 Text(run.bench.modem.CrashInfoText()));
     ExpectZip(run.Path("out-crash.zip"), run.ExpectedZip("out-crashlog.txt", true));
