@@ -126,7 +126,7 @@ bool ZvAtCheckForCrash(const ZvDeviceDetect& detect, ZvAtCrash::Response& respon
     return found && crash.CheckForCrash(&kept, response);
 }
 
-bool ZvAtCrash::CheckForCrash(const ZvInterfaceInfo* atInterface, Response& response) {
+bool ZvAtCrash::StartCheck(Response& response, const char* waitText) {
     response.crashFound = false;
     errorText.clear();
     if (StopCheck()) {
@@ -134,7 +134,13 @@ bool ZvAtCrash::CheckForCrash(const ZvInterfaceInfo* atInterface, Response& resp
         return false;
     }
     OnStatus("Possible target crash.");
-    OnStatus("Waiting for device to restart (takes about 10 seconds).");
+    OnStatus(waitText);
+    return true;
+}
+
+bool ZvAtCrash::CheckForCrash(const ZvInterfaceInfo* atInterface, Response& response) {
+    if (!StartCheck(response, "Waiting for device to restart (takes about 10 seconds)."))
+        return false;
 
     ZvAtPortSerial port(nullptr, kSerialTimeoutMs);
     ZvDeviceDetect detect;
@@ -158,14 +164,8 @@ bool ZvAtCrash::CheckForCrash(const ZvInterfaceInfo* atInterface, Response& resp
 }
 
 bool ZvAtCrash::CheckForCrashSocket(int port, const char* address, Response& response) {
-    response.crashFound = false;
-    errorText.clear();
-    if (StopCheck()) {
-        errorText = "Checking for crash information was stopped.";
+    if (!StartCheck(response, "Waiting for device to restart (takes about 30 seconds)."))
         return false;
-    }
-    OnStatus("Possible target crash.");
-    OnStatus("Waiting for device to restart (takes about 30 seconds).");
 
     ZvAtPortSocket atPort(address, port, kSocketTimeoutMs);
     bool stopped = false;

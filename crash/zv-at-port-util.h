@@ -41,6 +41,9 @@ public:
     bool retrieveHistory = false;
 
 private:
+    // The start of both waits: clears the last result; false (and no report) when a stop was
+    // asked for already, else reports the crash and the wait ahead (`waitText`).
+    bool StartCheck(Response& response, const char* waitText);
     // The end of both waits: cancelled, no port, or the retrieval on the open port.
     bool FinishCheck(ZvAtPort& port, bool stopped, Response& response);
     // The capability query: true when a full core dump is to be asked for.
