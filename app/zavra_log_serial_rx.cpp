@@ -1,5 +1,6 @@
 #include "zavra_log_serial_rx.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,27 +16,33 @@ void ZlbsRxBase::OnRxFail() {
 
 bool ZlbsRxNormal::OpenFile(const char* path) {
     CloseFile();
-    m_file = fopen(path, "wb");
-    if (m_file == nullptr)
-        return false;
-    // One write per chunk, as it arrives: nothing waits in a buffer if the process is killed.
-    setvbuf(m_file, nullptr, _IONBF, 0);
-    return true;
+    // One write per chunk, as it arrives, straight to the descriptor: nothing waits in a buffer
+    // if the process is killed, and no stream lock is taken per chunk.
+    m_fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    return m_fd >= 0;
 }
 
 void ZlbsRxNormal::CloseFile() {
-    if (m_file != nullptr) {
+    if (m_fd >= 0) {
         // The capture is on the disk when the tool ends, not only in the page cache.
-        fflush(m_file);
-        fsync(fileno(m_file));
-        fclose(m_file);
-        m_file = nullptr;
+        fsync(m_fd);
+        close(m_fd);
+        m_fd = -1;
     }
 }
 
 void ZlbsRxNormal::OnRxData(unsigned int count, unsigned char* data) {
-    if (m_file != nullptr) {
-        size_t written = fwrite(data, 1, count, m_file);
+    if (m_fd >= 0) {
+        unsigned written = 0;
+        while (written < count) {
+            const ssize_t n = write(m_fd, data + written, count - written);
+            if (n > 0)
+                written += static_cast<unsigned>(n);
+            else if (n < 0 && errno == EINTR)
+                continue;
+            else
+                break;
+        }
         if (written != count) {
             // Said at once: a run may last days, and the file is the record users keep.
             if (m_writeFailures++ == 0)

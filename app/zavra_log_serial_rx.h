@@ -2,8 +2,6 @@
 // selected one, on the reader thread.
 #pragma once
 
-#include <cstdio>
-
 #include "zv-itf-serial.h"
 
 class ZlsSocketStream;
@@ -29,7 +27,7 @@ public:
     // The file is written unbuffered, so every byte handed over is in the file at once.
     bool OpenFile(const char* path);
     void CloseFile();
-    bool IsFileOpen() const { return m_file != nullptr; }
+    bool IsFileOpen() const { return m_fd >= 0; }
     // Short writes to the file (a full disk): the first is reported when it happens, the totals
     // at the end of the run.
     unsigned long long FileWriteFailures() const { return m_writeFailures; }
@@ -39,7 +37,7 @@ public:
 
 private:
     ZlsSocketStream& m_socket;
-    FILE* m_file = nullptr;
+    int m_fd = -1;
     unsigned long long m_writeFailures = 0;
     unsigned long long m_bytesLost = 0;
 };

@@ -48,7 +48,7 @@ bool ZvItfAsyncSerial::OnOpen() {
     while (m_wakeFd >= 0 && read(m_wakeFd, &stale, sizeof(stale)) > 0) {
     }
     if (opened && m_wakeFd >= 0 && m_port.SetTotalTimeout(m_totalTimeoutMs) &&
-        m_readThread.Create(ReadThreadFunc, this, ZvThread::kManualAck)) {
+        m_port.SetNonBlocking(true) && m_readThread.Create(ReadThreadFunc, this, ZvThread::kManualAck)) {
         m_readThread.WaitForThreadStart(ZvThread::kWaitForever);
         return true;
     }
@@ -99,25 +99,40 @@ void ZvItfAsyncSerial::ReadLoop() {
     unsigned lastEmptyTick = 0;
     const unsigned fastEmptyMs = m_totalTimeoutMs / 4;
     const int waitMs = ReadWaitMs(m_totalTimeoutMs);
+    // Read first and wait only when nothing is there: on a busy port the next block is already
+    // waiting, and a block then costs one read instead of a poll and a read.
+    bool polledReady = false;
     while (m_reading) {
         unsigned got = 0;
-        const WaitResult waited = WaitForInput(waitMs);
-        if (!m_reading)
-            return; // closing: the wake-up, or data that arrived with it
-        if (waited == WaitResult::Woken)
-            continue; // stale wake-up
-        if (waited == WaitResult::Failed ||
-            (waited == WaitResult::Ready && !m_port.Read(buffer, sizeof(buffer), got))) {
-            if (m_reading)
-                m_rxHandler->OnRxFail();
-            return;
-        }
-        if (got > 0) {
+        const ZvSerial::ReadStatus status = m_port.ReadAvailable(buffer, sizeof(buffer), got);
+        if (status == ZvSerial::ReadStatus::Data) {
             lastReadEmpty = false;
+            polledReady = false;
             m_rxHandler->OnRxData(got, buffer);
             m_bytesReceived.fetch_add(got, std::memory_order_relaxed);
             continue;
         }
+        if (status == ZvSerial::ReadStatus::Failed) {
+            if (m_reading)
+                m_rxHandler->OnRxFail();
+            return;
+        }
+        // Waiting is worth it only when the poll before did not just say there was input: a port
+        // that says so and then gives nothing counts as an empty read, so it cannot spin.
+        if (status == ZvSerial::ReadStatus::NothingWaiting && !polledReady) {
+            const WaitResult waited = WaitForInput(waitMs);
+            if (!m_reading)
+                return; // closing: the wake-up, or data that arrived with it
+            if (waited == WaitResult::Failed) {
+                m_rxHandler->OnRxFail();
+                return;
+            }
+            polledReady = waited == WaitResult::Ready;
+            if (waited != WaitResult::TimedOut)
+                continue; // read what came (a stale wake-up reads and waits again)
+        }
+        polledReady = false;
+        // An empty read: the wait timed out, or the port gave nothing at once.
         const unsigned now = ZvTime::GetMsTickTime();
         if (lastReadEmpty && ZvTime::DiffMsTime(lastEmptyTick, now) < fastEmptyMs) {
             // An empty read faster than the time-out: the device has gone.

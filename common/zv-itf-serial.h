@@ -6,8 +6,9 @@
 //   also be called from inside a handler on the read thread; it then does not wait for itself,
 //   and the read thread ends when the handler returns.
 // - The read thread is the only caller of the handler (OnRxData, OnRxFail) and of the port's Read.
-//   It waits in poll() on the port and on a wake descriptor, then reads. A handler must return
-//   quickly: nothing is read while it runs.
+//   The port is non-blocking: the thread reads, and only when nothing is there waits in poll() on
+//   the port and on a wake descriptor. A handler must return quickly: nothing is read while it
+//   runs.
 // - OnClose from the owner clears the reading flag and wakes the reader, which ends without
 //   calling the handler again. A block being handled is finished first: OnClose waits up to
 //   200 ms for the reader, terminates it only when that wait fails (a handler that does not
@@ -47,7 +48,7 @@ public:
     virtual bool OnOpen() = 0;
     virtual void OnClose() = 0;
     virtual bool IsOpen() = 0;
-    // Writes synchronously on the caller's thread; the result may be ignored (failures are silent
+    // Writes synchronously and whole on the caller's thread; the result may be ignored (failures are silent
     // for the interface's users).
     virtual bool Send(unsigned int count, unsigned char* data) = 0;
     virtual const char* GetTypeString() const = 0;

@@ -7,7 +7,8 @@
 // not stop) is refused instead of splitting the stream.
 //
 // Read is called by one reader thread; Write may be called from other threads at the same time
-// (writes are not serialised here). Close may be called from another thread while a Read is in
+// (writes are not serialised here). A port set non-blocking (for a reader that waits in poll
+// only when nothing is there) still writes whole: Write then waits for room itself. Close may be called from another thread while a Read is in
 // progress: the descriptor is swapped to -1 before it is closed, so later calls fail cleanly; a
 // Read already blocked in the system returns at the latest when the time-out passes.
 #pragma once
@@ -34,8 +35,17 @@ public:
     // One read of at most size bytes; got is 0 when the time-out passed without data. False when
     // closed or on a read error.
     bool Read(unsigned char* buffer, unsigned size, unsigned& got);
-    // One write; true only when the whole count was written. Nothing is retried.
+    // On a non-blocking port: one read that never waits. Data (got > 0); NothingWaiting (no byte
+    // has come yet: wait in poll); Empty (a read that came back with nothing at once, as from a
+    // hung-up device or with VTIME 0); Failed (closed, or a read error kept in GetLastError()).
+    enum class ReadStatus { Data, NothingWaiting, Empty, Failed };
+    ReadStatus ReadAvailable(unsigned char* buffer, unsigned size, unsigned& got);
+    // One write; true only when the whole count was written. Nothing is retried, except on a
+    // non-blocking port, where the rest is written as room comes (as a blocking write does),
+    // until the port is closed.
     bool Write(const unsigned char* data, unsigned count);
+    // Sets or clears O_NONBLOCK on the open port; Open starts blocking. False when closed.
+    bool SetNonBlocking(bool on);
     void Close();
 
     bool IsOpen() const { return m_fd.load() != -1; }
@@ -58,4 +68,5 @@ private:
 
     std::atomic<int> m_fd;
     std::atomic<int> m_lastError;
+    std::atomic<bool> m_nonBlocking{false};
 };
