@@ -48,7 +48,8 @@ bool ZvItfAsyncSerial::OnOpen() {
     while (m_wakeFd >= 0 && read(m_wakeFd, &stale, sizeof(stale)) > 0) {
     }
     if (opened && m_wakeFd >= 0 && m_port.SetTotalTimeout(m_totalTimeoutMs) &&
-        m_port.SetNonBlocking(true) && m_readThread.Create(ReadThreadFunc, this, ZvThread::kManualAck)) {
+        m_port.SetNonBlocking(true) &&
+        m_readThread.Create(ReadThreadFunc, this, ZvThread::kManualAck)) {
         m_readThread.WaitForThreadStart(ZvThread::kWaitForever);
         return true;
     }

@@ -48,8 +48,8 @@ public:
     virtual bool OnOpen() = 0;
     virtual void OnClose() = 0;
     virtual bool IsOpen() = 0;
-    // Writes synchronously and whole on the caller's thread; the result may be ignored (failures are silent
-    // for the interface's users).
+    // Writes synchronously and whole on the caller's thread; the result may be ignored (failures
+    // are silent for the interface's users).
     virtual bool Send(unsigned int count, unsigned char* data) = 0;
     virtual const char* GetTypeString() const = 0;
 

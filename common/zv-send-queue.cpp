@@ -79,9 +79,8 @@ bool ZvSendQueue::StopLocked(unsigned flushMs) {
     if (!m_peerGone && queued != sent) {
         // Not delivered: accounted for like any other drop, so that every byte is either sent
         // or counted. A chunk sent in part counts as one.
-        const uint64_t chunks = static_cast<uint64_t>(
-            std::count_if(m_chunkEnds.begin(), m_chunkEnds.end(),
-                          [sent](uint64_t end) { return end > sent; }));
+        const uint64_t chunks = static_cast<uint64_t>(std::count_if(
+            m_chunkEnds.begin(), m_chunkEnds.end(), [sent](uint64_t end) { return end > sent; }));
         if (!m_dropping) {
             m_dropping = true;
             m_episodeChunks = 0;
@@ -143,8 +142,7 @@ ZvSendQueue::PushResult ZvSendQueue::PushRunning(const unsigned char* data, unsi
         return started ? kDropStarted : kDropped;
     }
     PushResult result = kQueued;
-    if (m_dropping &&
-        (queued == 0 || m_emptyAt.load(std::memory_order_acquire) >= m_dropMark)) {
+    if (m_dropping && (queued == 0 || m_emptyAt.load(std::memory_order_acquire) >= m_dropMark)) {
         m_dropping = false;
         result = kResumed;
     }
@@ -173,8 +171,8 @@ void ZvSendQueue::Append(const unsigned char* data, unsigned size) {
     const uint64_t queued = m_queuedTotal.load(std::memory_order_relaxed);
     if (queued == m_sentTotal.load(std::memory_order_acquire))
         m_ringBase.store(queued, std::memory_order_relaxed); // empty: start at the beginning
-    const size_t at = static_cast<size_t>((queued - m_ringBase.load(std::memory_order_relaxed)) %
-                                          m_limit);
+    const size_t at =
+        static_cast<size_t>((queued - m_ringBase.load(std::memory_order_relaxed)) % m_limit);
     const size_t first = std::min<size_t>(size, m_limit - at);
     memcpy(m_ring.get() + at, data, first);
     memcpy(m_ring.get(), data + first, size - first);
@@ -224,8 +222,8 @@ void ZvSendQueue::WriterLoop() {
             continue;
         }
         // Everything queued up to the end of the ring in one send.
-        const size_t at = static_cast<size_t>(
-            (sent - m_ringBase.load(std::memory_order_relaxed)) % m_limit);
+        const size_t at =
+            static_cast<size_t>((sent - m_ringBase.load(std::memory_order_relaxed)) % m_limit);
         const size_t count = static_cast<size_t>(std::min<uint64_t>(queued - sent, m_limit - at));
         const int taken =
             m_socket->WriteNonBlocking(m_ring.get() + at, static_cast<unsigned>(count));

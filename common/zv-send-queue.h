@@ -45,8 +45,8 @@ public:
     static const size_t kDefaultLimit = 4u << 20;
 
     enum PushResult {
-        kQueued,      // sent or queued; no drop episode open
-        kResumed,     // sent or queued, and it ends a drop episode (its counts in EpisodeChunks/Bytes)
+        kQueued,  // sent or queued; no drop episode open
+        kResumed, // sent or queued, and it ends a drop episode (its counts in EpisodeChunks/Bytes)
         kDropStarted, // dropped whole, the first drop of an episode
         kDropped,     // dropped whole, within an episode
         kNotSending,  // no peer (not started, or it has gone): nothing queued, nothing counted

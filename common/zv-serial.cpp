@@ -175,8 +175,7 @@ bool ZvSerial::Read(unsigned char* buffer, unsigned size, unsigned& got) {
     return true;
 }
 
-ZvSerial::ReadStatus ZvSerial::ReadAvailable(unsigned char* buffer, unsigned size,
-                                              unsigned& got) {
+ZvSerial::ReadStatus ZvSerial::ReadAvailable(unsigned char* buffer, unsigned size, unsigned& got) {
     got = 0;
     const int fd = m_fd.load();
     if (fd < 0)

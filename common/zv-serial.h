@@ -8,9 +8,10 @@
 //
 // Read is called by one reader thread; Write may be called from other threads at the same time
 // (writes are not serialised here). A port set non-blocking (for a reader that waits in poll
-// only when nothing is there) still writes whole: Write then waits for room itself. Close may be called from another thread while a Read is in
-// progress: the descriptor is swapped to -1 before it is closed, so later calls fail cleanly; a
-// Read already blocked in the system returns at the latest when the time-out passes.
+// only when nothing is there) still writes whole: Write then waits for room itself. Close may be
+// called from another thread while a Read is in progress: the descriptor is swapped to -1 before it
+// is closed, so later calls fail cleanly; a Read already blocked in the system returns at the
+// latest when the time-out passes.
 #pragma once
 
 #include <atomic>
