@@ -1,5 +1,7 @@
 #include "zsim-at-server.h"
 
+#include "zsim-worker.h"
+
 #include "zsim-crash-data.h"
 #include "zsim-transcript.h"
 
@@ -11,28 +13,16 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sstream>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace zsim {
-
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
 const size_t kImageBlock = 1 << 16;  // image bytes generated at a time
 const unsigned kRefillsPerStep = 16; // image blocks per link before the worker looks around
 const unsigned kDrainMs = 1000;      // how long a reset waits for the host to read the OK
-
-int MsUntil(Clock::time_point now, Clock::time_point then) {
-    if (then <= now) {
-        return 0;
-    }
-    return static_cast<int>(
-               std::chrono::duration_cast<std::chrono::milliseconds>(then - now).count()) +
-           1;
-}
 
 bool ReadWholeFile(const std::string& path, std::string& out, std::string& error) {
     std::ifstream file(path, std::ios::binary);
@@ -62,8 +52,7 @@ bool AtServer::Start(const Setup& setup, std::string& error) {
     } else if (!ReadWholeFile(setup.crash.crashInfoFile, crashInfo_, error)) {
         return false;
     }
-    wakeFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (wakeFd_ < 0) {
+    if (!wake_.Open()) {
         error = std::string("Failed to create the wake-up event (") + std::strerror(errno) + ").";
         return false;
     }
@@ -72,8 +61,7 @@ bool AtServer::Start(const Setup& setup, std::string& error) {
     if (!error.empty()) {
         ClosePorts();
         pty_.Close();
-        close(wakeFd_);
-        wakeFd_ = -1;
+        wake_.Close();
         return false;
     }
     worker_ = std::thread([this] { Run(); });
@@ -87,22 +75,13 @@ void AtServer::Stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopRequested_ = true;
-        Wake();
+        wake_.Signal();
     }
     worker_.join();
     std::lock_guard<std::mutex> lock(mutex_);
     ClosePorts();
     pty_.Close();
-    close(wakeFd_);
-    wakeFd_ = -1;
-}
-
-// Called with the lock held, so that the descriptor cannot be closed meanwhile.
-void AtServer::Wake() const {
-    uint64_t one = 1;
-    if (wakeFd_ >= 0 && write(wakeFd_, &one, sizeof one) < 0) {
-        // Only fails when the counter is full, and then the worker is awake anyway.
-    }
+    wake_.Close();
 }
 
 void AtServer::GoAway() {
@@ -111,9 +90,8 @@ void AtServer::GoAway() {
         mode_ = Mode::Away;
         returnPending_ = false;
         ClosePorts();
-        Wake();
+        wake_.Signal();
     }
-    changed_.notify_all();
 }
 
 void AtServer::ReturnInLoader(unsigned ms) {
@@ -121,7 +99,7 @@ void AtServer::ReturnInLoader(unsigned ms) {
         std::lock_guard<std::mutex> lock(mutex_);
         returnPending_ = true;
         returnAt_ = Clock::now() + std::chrono::milliseconds(ms);
-        Wake();
+        wake_.Signal();
     }
 }
 
@@ -140,18 +118,9 @@ std::vector<std::string> AtServer::Commands() const {
     return commands_;
 }
 
-bool AtServer::WaitForCommand(const std::string& command, size_t count, unsigned timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        return static_cast<size_t>(std::count(commands_.begin(), commands_.end(), command)) >=
-               count;
-    });
-}
-
-bool AtServer::WaitForMode(Mode mode, unsigned timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                             [&] { return mode_ == mode; });
+AtServer::Mode AtServer::GetMode() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return mode_;
 }
 
 Bytes AtServer::CrashInfoText() const {
@@ -242,12 +211,11 @@ void AtServer::Run() {
     while (!stopRequested_) {
         bool callBack = false;
         int timeout = Step(Clock::now(), callBack);
-        changed_.notify_all();
         auto events = [](const Link& link) {
             bool unsent = link.pendingSent < link.pending.size();
             return static_cast<short>(POLLIN | (unsent ? POLLOUT : 0));
         };
-        pollfd fds[4] = {{wakeFd_, POLLIN, 0}, {-1, 0, 0}, {-1, 0, 0}, {-1, 0, 0}};
+        pollfd fds[4] = {{wake_.Fd(), POLLIN, 0}, {-1, 0, 0}, {-1, 0, 0}, {-1, 0, 0}};
         nfds_t count = 1;
         const int ptyFd = ptyLink_.fd, listenFd = client_.fd < 0 ? listenFd_ : -1,
                   clientFd = client_.fd;
@@ -266,10 +234,7 @@ void AtServer::Run() {
         }
         int ready = poll(fds, count, timeout);
         if (ready > 0 && (fds[0].revents & POLLIN)) {
-            uint64_t value;
-            if (read(wakeFd_, &value, sizeof value) < 0) {
-                // Seen either way.
-            }
+            wake_.Clear();
         }
         lock.lock();
         for (nfds_t i = 1; ready > 0 && i < count && !stopRequested_; ++i) {
@@ -286,7 +251,6 @@ void AtServer::Run() {
             }
         }
     }
-    changed_.notify_all();
 }
 
 int AtServer::Step(Clock::time_point now, bool& callBack) {

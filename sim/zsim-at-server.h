@@ -9,9 +9,9 @@
 #include "zsim-crash.h"
 #include "zsim-pty-port.h"
 #include "zsim-wire.h"
+#include "zsim-worker.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <functional>
@@ -51,8 +51,7 @@ public:
     CrashFault Fault() const;
     int SocketPort() const { return socketPort_; }
     std::vector<std::string> Commands() const;
-    bool WaitForCommand(const std::string& command, size_t count, unsigned timeoutMs) const;
-    bool WaitForMode(Mode mode, unsigned timeoutMs) const;
+    Mode GetMode() const;
     Bytes CrashInfoText() const;
     Bytes CrashLogText() const;
 
@@ -86,7 +85,6 @@ private:
     int Fill(Link& link, std::chrono::steady_clock::time_point now, bool& callBack);
     bool Flush(Link& link);
     void DropClient();
-    void Wake() const;
 
     Setup setup_;
     std::string crashInfo_;
@@ -94,9 +92,8 @@ private:
     int socketPort_ = 0;
 
     mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
     std::thread worker_;
-    int wakeFd_ = -1;
+    WakeEvent wake_; // signalled under the lock, so that Stop cannot close it meanwhile
     bool stopRequested_ = false;
 
     CrashFault fault_ = CrashFault::None;
