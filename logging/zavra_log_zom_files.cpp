@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "zv-file-find.h"
 #include "zv-file-util.h"
 #include "zv-file.h"
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "zsim-at-dialogue.h"
+#include "zsim-at-link.h"
 #include "zsim-crash.h"
 #include "zsim-pty-port.h"
 #include "zsim-wire.h"
@@ -56,35 +57,14 @@ public:
     Bytes CrashLogText() const;
 
 private:
-    // One piece of a reply still to be written, with how far it has got.
-    struct Piece {
-        AtReplyPiece reply;
-        uint64_t imageAt = 0; // image bytes written so far
-        bool started = false; // a pause or a switch back has begun waiting
-        std::chrono::steady_clock::time_point until;
-    };
-    // One way in: the pty or the TCP client.
-    struct Link {
-        bool tcp = false;
-        int fd = -1;
-        std::string input; // the command being received
-        std::deque<Piece> out;
-        std::string pending; // bytes taken from `out`, not yet written
-        size_t pendingSent = 0;
-    };
-
     void Run();
     int Step(std::chrono::steady_clock::time_point now, bool& callBack);
     void OpenPorts(std::string* error);
     void ClosePorts();
     bool Listen(std::string* error);
     void Accept();
-    void ReadLink(Link& link);
-    void TakeCommand(Link& link, const std::string& command);
-    void Answer(Link& link, const std::string& lower);
-    int Fill(Link& link, std::chrono::steady_clock::time_point now, bool& callBack);
-    bool Flush(Link& link);
-    void DropClient();
+    void TakeCommand(AtLink& link, const std::string& command);
+    void Answer(AtLink& link, const std::string& lower);
 
     Setup setup_;
     std::string crashInfo_;
@@ -102,9 +82,9 @@ private:
     bool backPending_ = false; // the logging port may come back (fault ModemMode)
     std::chrono::steady_clock::time_point returnAt_;
     PtyPort pty_;
-    Link ptyLink_;
+    AtLink ptyLink_;
     int listenFd_ = -1;
-    Link client_;
+    AtLink client_{true};
     std::vector<std::string> commands_;
 };
 
