@@ -11,12 +11,8 @@ ZlZomConnect::ZlZomConnect(ZlZomJournal& journal, ZlZomPort& port, ZlZomStore& s
     m_sema.Create(0);
 }
 
-void ZlZomConnect::ThreadFunc(ZvThread*, void* connect) {
-    static_cast<ZlZomConnect*>(connect)->Thread();
-}
-
 bool ZlZomConnect::Start() {
-    if (m_thread.Create(ThreadFunc, this) && m_thread.WaitForThreadStart(ZvThread::kWaitForever))
+    if (m_thread.StartMember<ZlZomConnect, &ZlZomConnect::Thread>(this))
         return true;
     m_journal.Text("Failed to start connect thread.");
     return false;

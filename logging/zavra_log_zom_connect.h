@@ -27,7 +27,6 @@ public:
     void Shutdown(unsigned graceMs);
 
 private:
-    static void ThreadFunc(ZvThread* thread, void* connect);
     void Thread();
     void NoteOpenFailure(unsigned& failures, ZvAString& reported);
     void NoteOpenedAfterFailures(unsigned failures);

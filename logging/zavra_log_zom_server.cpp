@@ -17,12 +17,8 @@ ZlZomServer::ZlZomServer(ZlZomJournal& journal, ZlZomPort& port, const std::atom
     m_sema.Create(0);
 }
 
-void ZlZomServer::ThreadFunc(ZvThread*, void* server) {
-    static_cast<ZlZomServer*>(server)->Thread();
-}
-
 bool ZlZomServer::Start() {
-    if (m_thread.Create(ThreadFunc, this) && m_thread.WaitForThreadStart(ZvThread::kWaitForever))
+    if (m_thread.StartMember<ZlZomServer, &ZlZomServer::Thread>(this))
         return true;
     m_journal.Text("Failed to start socket thread.");
     return false;

@@ -50,7 +50,6 @@ public:
     unsigned long long GetDroppedBytes() { return m_clientQueue.DroppedBytes(); }
 
 private:
-    static void ThreadFunc(ZvThread* thread, void* server);
     void Thread();
     void ServeOneClient();
     // Stops the client's writer (letting it send what is queued unless abortive), then closes.

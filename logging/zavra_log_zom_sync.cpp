@@ -21,16 +21,11 @@ void ZlZomSync::OpenDirectory(const ZvAString& directory) {
     m_dirFd = ZvFile::OpenFd(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
 }
 
-void ZlZomSync::ThreadFunc(ZvThread*, void* sync) {
-    static_cast<ZlZomSync*>(sync)->Thread();
-}
-
 void ZlZomSync::Start(CurrentFile currentFile) {
     m_currentFile = std::move(currentFile);
     m_end = false;
     m_lastCurrentSyncTick = ZvTime::GetMsTickTime();
-    m_running =
-        m_thread.Create(ThreadFunc, this) && m_thread.WaitForThreadStart(ZvThread::kWaitForever);
+    m_running = m_thread.StartMember<ZlZomSync, &ZlZomSync::Thread>(this);
     if (!m_running)
         m_journal.Fault("Failed to start sync thread.");
 }

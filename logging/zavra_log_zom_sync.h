@@ -46,7 +46,6 @@ public:
     void DirectoryChanged() { m_directoryDirty = true; }
 
 private:
-    static void ThreadFunc(ZvThread* thread, void* sync);
     void Thread();
     void Pass();
     void SyncCurrentFile();
