@@ -35,7 +35,7 @@ public:
     State GetState() const { return state_; }
     bool Is(State state) const { return state_ == state; }
     // Up or draining: the host may be reading.
-    bool Open() const { return state_ == State::Up || state_ == State::Draining; }
+    bool Active() const { return state_ == State::Up || state_ == State::Draining; }
     int MasterFd() const { return pty_.MasterFd(); }
     int Unread() const { return pty_.Unread(); }
     Clock::time_point UpSince() const { return upSince_; }

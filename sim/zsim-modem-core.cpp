@@ -103,7 +103,7 @@ void ModemCore::Run() {
         if (port_.Is(LogPort::State::Stopped)) {
             break;
         }
-        int fd = port_.Open() ? port_.MasterFd() : -1;
+        int fd = port_.Active() ? port_.MasterFd() : -1;
         lock.unlock();
         pollfd fds[2] = {{wake_.Fd(), POLLIN, 0},
                          {fd, static_cast<short>(POLLIN | (wantWrite ? POLLOUT : 0)), 0}};
@@ -250,7 +250,7 @@ void ModemCore::Apply(const Control& control) {
 
 ModemCounters ModemCore::Snapshot() const {
     ModemCounters c = counters_;
-    c.unread = port_.Open() ? static_cast<uint64_t>(port_.Unread()) : 0;
+    c.unread = port_.Active() ? static_cast<uint64_t>(port_.Unread()) : 0;
     c.delivered = c.sent - c.discarded - c.unread;
     c.atMode = crash.AtMode();
     return c;
