@@ -18,8 +18,8 @@ const unsigned kShbUserAppl = 4;
 const unsigned kIfName = 2;
 const unsigned kIfTsResol = 9;
 
-// Exported-PDU tags in front of every packet (tag and length big-endian, value padded to four).
-const unsigned kTagEnd = 0;
+// Exported-PDU tags in front of every packet (tag and length big-endian, value padded to four);
+// the list ends with tag 0 of length 0.
 const unsigned kTagDissectorName = 12;
 
 // Gathered blocks leave in writes of about this size even without a Flush.
@@ -99,22 +99,26 @@ bool QoPcapngWriter::WritePacket(unsigned long long timeUs, const char* dissecto
     const size_t options = comment != nullptr ? 4 + Padded(commentLength) + 4 : 0;
     const unsigned total = static_cast<unsigned>(28 + Padded(captured) + options + 4);
 
-    PutU32(kEnhancedPacket);
-    PutU32(total);
-    PutU32(0); // interface 0
-    PutU32(static_cast<unsigned>(timeUs >> 32));
-    PutU32(static_cast<unsigned>(timeUs));
-    PutU32(static_cast<unsigned>(captured));
-    PutU32(static_cast<unsigned>(captured));
+    // Laid out in place; resize zeroes the name's padding, the end tag and the data's padding.
+    const size_t start = m_buffer.size();
+    m_buffer.resize(start + total - options - 4);
+    unsigned char* p = m_buffer.data() + start;
+    const unsigned head[7] = {kEnhancedPacket,
+                              total,
+                              0,
+                              static_cast<unsigned>(timeUs >> 32),
+                              static_cast<unsigned>(timeUs),
+                              static_cast<unsigned>(captured),
+                              static_cast<unsigned>(captured)};
+    for (unsigned word : head) {
+        for (unsigned i = 0; i < 4; ++i)
+            *p++ = static_cast<unsigned char>(word >> (8 * i));
+    }
     // Big-endian tag and length, as the upper-PDU link type has them.
     const unsigned char tag[4] = {0, kTagDissectorName, 0, static_cast<unsigned char>(nameField)};
-    Put(tag, 4);
-    Put(dissector, nameLength);
-    m_buffer.insert(m_buffer.end(), nameField - nameLength, 0);
-    const unsigned char end[4] = {0, kTagEnd, 0, 0};
-    Put(end, 4);
-    Put(data, size);
-    PutPadding(captured);
+    memcpy(p, tag, 4);
+    memcpy(p + 4, dissector, nameLength);
+    memcpy(p + tags, data, size);
     if (comment != nullptr) {
         PutOption(kOptComment, comment, commentLength);
         PutU32(kOptEnd);
