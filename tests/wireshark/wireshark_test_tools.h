@@ -38,16 +38,17 @@ inline std::vector<std::string> Lines(const std::string& text) {
     return lines;
 }
 
-// tshark reading `file` with the dissector and no preferences of anyone (HOME is the test's):
-// one line per packet. Fails the test on an exit status or a message other than the one about
-// running as root.
+// tshark reading `file` with no preferences of anyone (HOME is the test's), with the dissector
+// given on its command line unless `script` is false (then it must find it by itself): one line
+// per packet. Fails the test on an exit status or a message other than the one about running as
+// root.
 inline std::vector<std::string> Tshark(const zavra_test::TempDir& dir, const std::string& file,
-                                       const std::string& args) {
+                                       const std::string& args, bool script = true) {
     setenv("HOME", dir.Path().c_str(), 1);
     std::string out, errors;
-    const int status = Shell("tshark -r '" + file + "' -X lua_script:" ZAVRA_LUA_PATH " " + args +
-                                 " 2>'" + dir.File("tshark.err") + "'",
-                             out);
+    const std::string lua = script ? " -X lua_script:" ZAVRA_LUA_PATH " " : " ";
+    const int status =
+        Shell("tshark -r '" + file + "'" + lua + args + " 2>'" + dir.File("tshark.err") + "'", out);
     for (const std::string& line : Lines(zavra_test::ReadFile(dir.File("tshark.err"))))
         if (line.find("Running as user") == std::string::npos)
             errors += line + "\n";
