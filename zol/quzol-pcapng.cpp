@@ -99,9 +99,11 @@ bool QoPcapngWriter::WritePacket(unsigned long long timeUs, const char* dissecto
     const size_t options = comment != nullptr ? 4 + Padded(commentLength) + 4 : 0;
     const unsigned total = static_cast<unsigned>(28 + Padded(captured) + options + 4);
 
-    // Laid out in place; resize zeroes the name's padding, the end tag and the data's padding.
+    // Header and tags laid out in place; resize zeroes the name's padding and the end tag.
     const size_t start = m_buffer.size();
-    m_buffer.resize(start + total - options - 4);
+    if (m_buffer.capacity() < kFlushAt)
+        m_buffer.reserve(2 * kFlushAt);
+    m_buffer.resize(start + 28 + tags);
     unsigned char* p = m_buffer.data() + start;
     const unsigned head[7] = {kEnhancedPacket,
                               total,
@@ -118,7 +120,8 @@ bool QoPcapngWriter::WritePacket(unsigned long long timeUs, const char* dissecto
     const unsigned char tag[4] = {0, kTagDissectorName, 0, static_cast<unsigned char>(nameField)};
     memcpy(p, tag, 4);
     memcpy(p + 4, dissector, nameLength);
-    memcpy(p + tags, data, size);
+    Put(data, size);
+    PutPadding(captured);
     if (comment != nullptr) {
         PutOption(kOptComment, comment, commentLength);
         PutU32(kOptEnd);
