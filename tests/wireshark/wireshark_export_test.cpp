@@ -16,8 +16,10 @@ struct Counts {
     std::map<std::pair<unsigned, unsigned>, int> perLayoutId; // (layout 1..3, id)
     std::map<unsigned, int> perKor;
     unsigned long long outside = 0; // bytes in no whole record
+    int runs = 0;                   // runs of such bytes: packets of their own
     bool operator==(const Counts& o) const {
-        return perLayoutId == o.perLayoutId && perKor == o.perKor && outside == o.outside;
+        return perLayoutId == o.perLayoutId && perKor == o.perKor && outside == o.outside &&
+               runs == o.runs;
     }
 };
 
@@ -35,11 +37,14 @@ Counts Walk(const std::string& s, std::vector<size_t>* ends = nullptr) {
         {0xFB3E98, 0}, {0xF2E05F, 0}, {0x30CF29, 1}, {0x78DAE4, 1}, {0xC426B9, 2}};
     Counts counts;
     size_t at = 0;
+    bool skipping = false;
     while (at + 12 <= s.size()) {
         const unsigned sync = Le(s, at, 4), packed = Le(s, at + 10, 2);
         const size_t total = Le(s, at + 8, 2) * 4u;
         const bool a = sync == 0x807F807Fu, b = korOfSyncB.count(sync & 0xFFFFFF) != 0;
         if (!a && !b) {
+            counts.runs += !skipping;
+            skipping = true;
             ++counts.outside, ++at;
             continue;
         }
@@ -48,10 +53,12 @@ Counts Walk(const std::string& s, std::vector<size_t>* ends = nullptr) {
         ++counts.perLayoutId[{a ? 1 : 2, a ? packed & 0x1FFF : packed & 0x3FFF}];
         ++counts.perKor[a ? packed >> 15 : korOfSyncB.at(sync & 0xFFFFFF)];
         at += total;
+        skipping = false;
         if (ends != nullptr)
             ends->push_back(at);
     }
     counts.outside += s.size() - at;
+    counts.runs += s.size() != at;
     return counts;
 }
 
@@ -62,7 +69,7 @@ Counts FromTshark(const std::vector<std::string>& lines) {
         if (sscanf(line.c_str(), "%u,%x,%u", &layout, &id, &kor) == 3)
             ++counts.perLayoutId[{layout, id}], ++counts.perKor[kor];
         else if (sscanf(line.c_str(), ",,,%u", &skipped) == 1)
-            counts.outside += skipped;
+            counts.outside += skipped, ++counts.runs;
         else
             ADD_FAILURE() << "unexpected packet: " << line;
     }
@@ -72,7 +79,8 @@ Counts FromTshark(const std::vector<std::string>& lines) {
 Counts FromSummary(const std::string& text) {
     Counts counts;
     const std::regex id(R"(layout ([ABC])[^\n]* id 0x([0-9A-F]+) \(\d+\): (\d+))"),
-        kor(R"(\n  KOR (\d): (\d+))"), outside(R"((skipped bytes|at the end): (\d+))");
+        kor(R"(\n  KOR (\d): (\d+))"), outside(R"((skipped bytes|at the end): (\d+))"),
+        run(R"(lost step after|skipped at the end|Incomplete record)");
     for (std::sregex_iterator m(text.begin(), text.end(), id), end; m != end; ++m)
         counts.perLayoutId[{(*m)[1].str()[0] - 'A' + 1u, std::stoul((*m)[2], nullptr, 16)}] =
             std::stoi((*m)[3]);
@@ -80,6 +88,8 @@ Counts FromSummary(const std::string& text) {
         counts.perKor[std::stoul((*m)[1])] = std::stoi((*m)[2]);
     for (std::sregex_iterator m(text.begin(), text.end(), outside), end; m != end; ++m)
         counts.outside += std::stoull((*m)[2]);
+    counts.runs = static_cast<int>(
+        std::distance(std::sregex_iterator(text.begin(), text.end(), run), std::sregex_iterator()));
     return counts;
 }
 
