@@ -32,7 +32,6 @@ bool QoZolPcapngExport::Feed(const unsigned char* data, unsigned size) {
     if (!IsReady())
         return false;
     m_chunk = data;
-    m_chunkSize = size;
     m_reader.SetData(data, size);
     while (m_reader.ReadLiveRecord(m_live)) {
         const unsigned long long end = m_reader.GetOffset();
@@ -42,11 +41,7 @@ bool QoZolPcapngExport::Feed(const unsigned char* data, unsigned size) {
         m_gatheredEnd = end;
     }
     // What was skipped since the last record lies between it and the record being assembled.
-    unsigned long long partial = 0;
-    if (m_live.m_phase >= QoZolLiveRecord::PhaseBody)
-        partial = kQoZolHeaderSize + m_live.m_bodyRead + m_record->GetPadding() -
-                  m_live.m_paddingRemaining;
-    GatherSkipped(m_reader.GetOffset() - partial);
+    GatherSkipped(m_reader.GetOffset() - PartialRecordBytes());
 
     if (size >= kQoZolHeaderSize) {
         memcpy(m_carry, data + size - kQoZolHeaderSize, kQoZolHeaderSize);
@@ -60,7 +55,6 @@ bool QoZolPcapngExport::Feed(const unsigned char* data, unsigned size) {
     }
     m_chunkStart += size;
     m_chunk = nullptr;
-    m_chunkSize = 0;
     m_reader.Close();
     return m_writer == nullptr || !m_writer->Failed();
 }
@@ -69,13 +63,10 @@ bool QoZolPcapngExport::Finish() {
     if (!IsReady())
         return false;
     FlushSkipped();
-    const unsigned char* tail = m_live.m_header.GetBytes();
-    unsigned tailSize = m_live.m_header.GetCount();
-    if (m_live.m_phase >= QoZolLiveRecord::PhaseBody) {
-        tail = m_record->GetData();
-        tailSize = kQoZolHeaderSize + m_live.m_bodyRead + m_record->GetPadding() -
-                   m_live.m_paddingRemaining;
-    }
+    // The record being assembled, or the bytes held while hunting for one.
+    const bool inRecord = m_live.m_phase >= QoZolLiveRecord::PhaseBody;
+    const unsigned char* tail = inRecord ? m_record->GetData() : m_live.m_header.GetBytes();
+    const unsigned tailSize = inRecord ? PartialRecordBytes() : m_live.m_header.GetCount();
     if (tailSize != 0) {
         m_incomplete = tailSize;
         ZvAString what;
@@ -86,6 +77,13 @@ bool QoZolPcapngExport::Finish() {
     }
     m_live.Reset();
     return m_writer == nullptr || !m_writer->Failed();
+}
+
+unsigned QoZolPcapngExport::PartialRecordBytes() const {
+    if (m_live.m_phase < QoZolLiveRecord::PhaseBody)
+        return 0;
+    return kQoZolHeaderSize + m_live.m_bodyRead + m_record->GetPadding() -
+           m_live.m_paddingRemaining;
 }
 
 void QoZolPcapngExport::EmitRecord() {

@@ -46,6 +46,8 @@ public:
     long long FirstHostClockElapsed() const { return m_firstHostElapsed; }
 
 private:
+    // Bytes of the record being assembled that the reader has taken (its header onwards).
+    unsigned PartialRecordBytes() const;
     void EmitRecord();
     // Moves the stream's bytes [m_gatheredEnd, end) into the skipped bytes held.
     void GatherSkipped(unsigned long long end);
@@ -68,7 +70,6 @@ private:
     // The current chunk and, before it, the last bytes of the stream before it: bytes the
     // reader turns out to skip were read at most one header's length before the chunk.
     const unsigned char* m_chunk = nullptr;
-    unsigned m_chunkSize = 0;
     unsigned long long m_chunkStart = 0;
     unsigned char m_carry[kQoZolHeaderSize] = {};
     unsigned m_carrySize = 0;
