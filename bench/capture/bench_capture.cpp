@@ -43,12 +43,7 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-const size_t kBlock = 64 * 1024;
-
-using bench::Pattern;
-using bench::WriteAll;
+using namespace bench;
 
 // The same pattern checked against reads of any size.
 struct PatternCheck {
