@@ -562,6 +562,9 @@ bool Modem::Start(const ModemOptions& options) {
         error_ = "Failed to create the wake-up event.";
     }
     d.startTime = Clock::now();
+    if (options.gadget) {
+        d.port.ServeOnGadget(options.gadget, Gadget::Role::Log);
+    }
     if (error_.empty() && !d.BringUp(d.startTime, &error_)) {
         error_ = "Failed to create the logging port: " + error_;
     }
@@ -572,6 +575,7 @@ bool Modem::Start(const ModemOptions& options) {
         setup.transcript = d.transcript;
         setup.startTime = d.startTime;
         setup.onBack = [&d] { d.OnAtBack(); };
+        setup.gadget = options.gadget;
         d.at.reset(new AtServer);
         if (!d.at->Start(setup, error_)) {
             d.at.reset();

@@ -107,6 +107,7 @@ struct ModemOptions {
     DbOptions db;
     FailureOptions fail;
     CrashOptions crash;
+    std::shared_ptr<Gadget> gadget; // set: the ports are served on this USB gadget
 };
 
 struct ModemCounters {
