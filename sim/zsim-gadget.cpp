@@ -126,16 +126,20 @@ bool Gadget::Plugged() const {
     return plugged_;
 }
 
+std::string Gadget::UdcState() const {
+    return ReadLine("/sys/class/udc/" + setup_.udc + "/state");
+}
+
 void Gadget::SetUpDelay(unsigned ms) {
     std::lock_guard<std::mutex> lock(mutex_);
     upDelayMs_ = ms;
 }
 
-std::string Gadget::TtyFor(Role role, unsigned& plug) const {
+std::string Gadget::TtyFor(Role role, unsigned& plug, bool& ready) const {
     std::lock_guard<std::mutex> lock(mutex_);
     plug = plug_;
-    if (!plugged_ ||
-        std::chrono::steady_clock::now() < pluggedAt_ + std::chrono::milliseconds(upDelayMs_)) {
+    ready = std::chrono::steady_clock::now() >= pluggedAt_ + std::chrono::milliseconds(upDelayMs_);
+    if (!plugged_) {
         return std::string();
     }
     if (mode_ == Mode::Loader) {
@@ -194,9 +198,14 @@ uint64_t GadgetRelay::Stop() {
 
 void GadgetRelay::OpenTty() {
     unsigned plug = 0;
-    std::string path = gadget_->TtyFor(role_, plug);
+    bool ready = false;
+    std::string path = gadget_->TtyFor(role_, plug, ready);
     if (path.empty() || plug == plug_) {
-        return; // not plugged, not yet up, or the tty of this plug has already hung up
+        return; // not plugged, or the tty of this plug has hung up
+    }
+    if (!ready) {
+        Start(path, plug);
+        return;
     }
     int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) {
@@ -213,6 +222,30 @@ void GadgetRelay::OpenTty() {
     std::lock_guard<std::mutex> lock(mutex_);
     tty_ = fd;
     plug_ = plug;
+}
+
+// The modem's USB stack starts before the modem is ready: once the host has configured the
+// gadget, an open and close arms the function, which from then on drops what the host sends
+// until the tty is opened again. The host sees the modem's side open (DCD, DSR) only when ready.
+void GadgetRelay::Start(const std::string& path, unsigned plug) {
+    const auto now = std::chrono::steady_clock::now();
+    if (seen_ != plug) {
+        seen_ = plug;
+        seenAt_ = now;
+        enumerating_ = false;
+    }
+    if (started_ == plug) {
+        return;
+    }
+    const bool configured = gadget_->UdcState() == "configured";
+    enumerating_ = enumerating_ || !configured;
+    if (configured && (enumerating_ || now - seenAt_ > std::chrono::seconds(1))) {
+        int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+        if (fd >= 0) {
+            close(fd);
+            started_ = plug;
+        }
+    }
 }
 
 void GadgetRelay::CloseTty() {
@@ -271,7 +304,8 @@ void GadgetRelay::Run() {
             fds[1] = {pty_, static_cast<short>(buffer_.size() < kChunk ? POLLIN : 0), 0};
             fds[2] = {tty_, static_cast<short>(POLLIN | (buffer_.empty() ? 0 : POLLOUT)), 0};
         }
-        int ready = poll(fds, 3, 20);
+        // Quick rounds while a plug's enumeration is watched, so its short reset is seen.
+        int ready = poll(fds, 3, seen_ != started_ && tty_ < 0 ? 2 : 20);
         if (ready > 0 && tty_ >= 0 && ((fds[1].revents | fds[2].revents) != 0) && !Pump()) {
             std::lock_guard<std::mutex> lock(mutex_);
             CloseTty(); // hung up: the next plug brings a new tty, and a restarted modem

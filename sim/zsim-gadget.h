@@ -48,13 +48,19 @@ public:
     bool Plug(Mode mode, std::string* error = nullptr);
     void Unplug();
     bool Plugged() const;
-    // The modem opens its ttys this long after each plug (its firmware is not ready yet): what
-    // the host sends meanwhile is lost, as the gadget drops bytes for a tty nobody has open.
+    // The controller's state: "configured" once the host has enumerated the gadget. It reads
+    // so for a moment after a plug too, before the host's reset turns it to "default".
+    std::string UdcState() const;
+    // The modem opens its ttys this long after each plug (its firmware is not ready yet). What
+    // the host sends meanwhile is lost: the relay opens and closes the tty at once after the plug,
+    // as the modem's USB stack starts, and the gadget then drops what arrives for a closed tty.
+    // The host sees the modem's side open (DCD and DSR) only once it is ready.
     void SetUpDelay(unsigned ms);
 
-    // The tty of `role` while it may be opened: plugged in a mode that has it, and the up delay
-    // over. `plug` receives the plug's number, so a relay can tell a new plug from the old one.
-    std::string TtyFor(Role role, unsigned& plug) const;
+    // The tty of `role` while the gadget is plugged in a mode that has it; `ready` tells whether
+    // the up delay is over. `plug` receives the plug's number, so that a relay can tell a new
+    // plug from the old one.
+    std::string TtyFor(Role role, unsigned& plug, bool& ready) const;
     // Whether plug number `plug` is still the current one.
     bool StillPlugged(unsigned plug) const;
 
@@ -90,6 +96,7 @@ public:
 private:
     void Run();
     void OpenTty();
+    void Start(const std::string& path, unsigned plug);
     void CloseTty();
     bool Pump();
 
@@ -101,6 +108,10 @@ private:
     mutable std::mutex mutex_; // guards tty_ and buffer_ against Pending and Stop
     int tty_ = -1;
     unsigned plug_ = 0;
+    unsigned started_ = 0; // the plug whose start the relay has seen
+    unsigned seen_ = 0;    // the plug whose enumeration the relay is watching
+    bool enumerating_ = false;
+    std::chrono::steady_clock::time_point seenAt_;
     std::string buffer_; // from the modem, not yet written to the tty
     std::thread worker_;
     bool stopped_ = false;
