@@ -111,7 +111,7 @@ public:
     // The port's modem lines; false for a port without them (a pseudo-terminal).
     bool GetModemLines(int& lines) const { return m_port.GetModemLines(lines); }
     // A USB ACM port reports through DSR whether the modem's side of the port is open; a modem
-    // that opens its side after the host missed whatever the host sent before. From this call
+    // that opens its side after the host's has missed whatever the host sent before. From this call
     // until the port closes, the read thread looks at DSR about every 200 ms and calls the
     // handler's OnRxPeerReady each time it rises. `readyNow` is the state the caller last acted
     // on, so that a rise just before the call is not lost and an old one not repeated.
