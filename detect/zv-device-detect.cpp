@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "zv-serial.h"
+
 const char* ZvInterfaceTypeText(int type) {
     static const char* const texts[] = {"UNKNOWN ", "SERIAL  ", "OBEX    ",
                                         "NET     ", "MBIM    ", "WINUSB  "};
@@ -75,6 +77,13 @@ ZvInterfaceInfo* ZvInterfaceList::FindInterface(const char* id, const char* frie
 ZvInterfaceInfo* ZvInterfaceList::FindSerialPortName(const char* name) const {
     return FindFirstIf(*this, [&](const ZvInterfaceInfo& i) {
         return i.type == ZvInterfaceTypeSerial && Equals(i.portName, name);
+    });
+}
+
+ZvInterfaceInfo* ZvInterfaceList::FindSerialPort(const char* path) const {
+    return FindFirstIf(*this, [&](const ZvInterfaceInfo& i) {
+        return i.type == ZvInterfaceTypeSerial && !i.portName.empty() &&
+               ZvSerial::IsSamePort(i.portName.c_str(), path);
     });
 }
 
@@ -380,7 +389,7 @@ void ZvDeviceDetect::Refresh() {
 }
 
 ZvInterfaceInfo* ZvDeviceDetect::FindAtInterface(const char* portName) const {
-    const ZvDeviceInfo* device = FindDeviceOf(m_interfaces.FindSerialPortName(portName));
+    const ZvDeviceInfo* device = FindDeviceOf(m_interfaces.FindSerialPort(portName));
     if (device == nullptr)
         return nullptr;
     ZvInterfaceInfo* modem = device->FindFirst(ZvInterfaceTypeSerial, ZvInterfaceFunctionModem);

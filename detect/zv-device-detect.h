@@ -79,6 +79,9 @@ public:
     ZvInterfaceInfo* FindInterface(const char* id, const char* friendly) const;
     // A SERIAL interface whose port name equals `name`.
     ZvInterfaceInfo* FindSerialPortName(const char* name) const;
+    // A SERIAL interface whose port is the device that `path` reaches (ZvSerial::IsSamePort): a
+    // /dev/serial/by-id link finds the interface of its kernel name.
+    ZvInterfaceInfo* FindSerialPort(const char* path) const;
     ZvInterfaceInfo* FindInterfaceFriendly(const char* name) const;
     ZvInterfaceInfo* FindInterfaceId(const char* id) const;
     // Any type whose port device equals `dev`.
@@ -204,8 +207,9 @@ public:
     void Dump(FILE* out) const { m_tree.Dump(out); }
 
     // The modem's AT port for the logging port `portName`: within the device of the SERIAL
-    // interface on that port, the first SERIAL MODEM interface, else the first SERIAL one of
-    // unknown function. Null when the port is not detected or belongs to no device.
+    // interface on that port (the same device, whatever name reaches it), the first SERIAL MODEM
+    // interface, else the first SERIAL one of unknown function. Null when the port is not detected
+    // or belongs to no device.
     ZvInterfaceInfo* FindAtInterface(const char* portName) const;
 
     // The list the platform enumeration checks before filling a record: every interface found
