@@ -69,7 +69,7 @@ struct UsbRun {
     static bool Enumerated() {
         bool named = zavra_test::WaitUntil(
             [] { return !Node(0).empty() && !Node(2).empty() && !Node(4).empty(); }, 15000);
-        return named && system("udevadm settle") == 0;
+        return named && zavra_test::WaitUntil([] { return system("udevadm settle") == 0; }, 10000);
     }
     void StartTool(const std::vector<std::string>& args) {
         ASSERT_TRUE(tool.Start(ZAVRA_LOG_SERIAL_PATH, args)) << tool.Error();
