@@ -144,11 +144,6 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
 
     EXPECT_EQ(JournalCount(run.store, "Port Failure Detected."), 1);
     EXPECT_EQ(JournalCount(run.store, "ConnectThread: Port opened."), 2);
-    // The -d link is followed at the re-open, to the port's new pty: said once, here and there.
-    const std::string moved =
-        "The serial logging interface '" + run.modem.PortPath() + "' is now '/dev/pts/";
-    EXPECT_EQ(JournalCount(run.store, moved), 1);
-    EXPECT_EQ(zavra_test::CountOf(run.tool.Stderr(), "Warning: " + moved), 1);
     EXPECT_EQ(JournalCount(run.store, "Socket port number: " + std::to_string(run.port)), 1);
 }
 
