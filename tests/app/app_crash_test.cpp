@@ -382,11 +382,11 @@ TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
     ASSERT_TRUE(run.WaitForOutput(saved, 60000)) << run.tool.Stderr();
 
     // Logging resumes: the modem's port is back, the channel open again, a new log growing.
-    ASSERT_TRUE(run.bench.modem.WaitForConnection(1, 30000)) << run.tool.Stderr();
-    ASSERT_TRUE(run.bench.modem.WaitForChannelOpen(true, 20000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 30000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::ChannelOpen(), 20000)) << run.tool.Stderr();
     const uint64_t sent = run.bench.modem.Counters().sent;
-    ASSERT_TRUE(run.bench.modem.WaitForSent(sent + (64u << 10), 20000));
-    run.bench.modem.Crash();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 20000));
+    run.bench.modem.Apply(zsim::Control::Crash());
     ASSERT_TRUE(run.WaitForOutput(saved, 60000, 2)) << run.tool.Stderr();
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
