@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "zavra_log_serial_app.h"
 #include "zavra_log_serial_socket.h"
 #include "zv-log.h"
 #include "zv-sema.h"
@@ -11,6 +12,10 @@
 void ZlbsRxBase::OnRxFail() {
     if (m_endOfRun.IsCreated())
         m_endOfRun.Post();
+}
+
+void ZlbsRxBase::OnRxPeerReady() {
+    ZlsModemSideOpened();
 }
 
 bool ZlbsRxNormal::OpenFile(const char* path) {
