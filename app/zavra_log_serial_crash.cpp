@@ -18,6 +18,7 @@
 #include "zavra_log_serial_daemon.h"
 #include "zv-crash-decode-zip.h"
 #include "zv-crash-decode.h"
+#include "zv-file-find.h"
 #include "zv-file-util.h"
 #include "zv-file.h"
 #include "zv-time.h"

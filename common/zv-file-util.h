@@ -1,9 +1,6 @@
 // ZvFileUtil: stateless path and directory helpers, plus the process-wide writable directory used
-// for temporary files. ZvFileFind: a directory enumeration filtered by a shell wildcard.
-// Paths use "/" as separator; only MakePath translates backslashes.
+// for temporary files. Paths use "/" as separator; only MakePath translates backslashes.
 #pragma once
-
-#include <dirent.h>
 
 #include "zv-string-ascii.h"
 #include "zv-string-list-ascii.h"
@@ -97,29 +94,4 @@ public:
     // (dir + "/" + name). With `recursive` subdirectories are searched too, whatever their names.
     static bool GetDirFiles(const char* dir, ZvAStringList& list, const char* pattern,
                             bool recursive);
-};
-
-struct ZvFindFileData {
-    enum Type { TypeUnknown = 0, TypeFile = 1, TypeDirectory = 2, TypeOther = 3 };
-
-    ZvAString name; // without directory
-    int type = TypeUnknown;
-};
-
-class ZvFileFind {
-public:
-    ZvFileFind() = default;
-    ~ZvFileFind() { FindClose(); }
-    ZvFileFind(const ZvFileFind&) = delete;
-    ZvFileFind& operator=(const ZvFileFind&) = delete;
-
-    // Starts a search of `dir` for names matching the shell wildcard `pattern` (no flags: '*'
-    // also matches a leading dot, so "." and ".." match "*"). False when nothing matches.
-    bool FindFirst(const char* dir, const char* pattern, ZvFindFileData& data);
-    bool FindNext(ZvFindFileData& data);
-    void FindClose();
-
-private:
-    DIR* m_dir = nullptr;
-    ZvAString m_pattern;
 };

@@ -208,3 +208,21 @@ int ZvFile::OpenFd(const char* path, int flags, int mode) {
         return -1;
     return open(path, flags, mode);
 }
+
+size_t ZvFile::WriteAll(int fd, const void* data, size_t size, int& error) {
+    const unsigned char* bytes = static_cast<const unsigned char*>(data);
+    size_t done = 0;
+    error = 0;
+    while (done < size) {
+        ssize_t written = write(fd, bytes + done, size - done);
+        if (written > 0) {
+            done += static_cast<size_t>(written);
+        } else if (written < 0 && errno == EINTR) {
+            continue;
+        } else {
+            error = written < 0 ? errno : 0;
+            break;
+        }
+    }
+    return done;
+}

@@ -72,6 +72,9 @@ public:
 
     // Plain system open; the descriptor or -1.
     static int OpenFd(const char* path, int flags, int mode = 0644);
+    // Writes the whole buffer to a descriptor unless the system refuses (interrupted writes are
+    // resumed); returns the bytes written, with the refusal's errno in `error` (0 when none).
+    static size_t WriteAll(int fd, const void* data, size_t size, int& error);
 
 private:
     static constexpr size_t kLineBufferSize = 300;

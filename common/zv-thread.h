@@ -40,6 +40,11 @@ public:
 
     // Starts the worker on a new detached thread; true when it runs. A null worker gives false.
     bool Create(ZvThreadWorker worker, void* arg, unsigned flags = 0);
+    // Runs (object->*Member)() on a new thread and waits until it runs; true when it does.
+    template <class T, void (T::*Member)()>
+    bool StartMember(T* object) {
+        return Create(&InvokeMember<T, Member>, object) && WaitForThreadStart(kWaitForever);
+    }
     void AckThreadStarted();
     // Both accept kWaitForever; true when the event happened. A start or finish, once seen,
     // stays observable to every later call.
@@ -66,6 +71,11 @@ public:
     static void InstallTerminateHandler();
 
 private:
+    template <class T, void (T::*Member)()>
+    static void InvokeMember(ZvThread*, void* object) {
+        (static_cast<T*>(object)->*Member)();
+    }
+
     static void* StartRoutine(void* self);
     static void CancelCleanup(void* self);
 

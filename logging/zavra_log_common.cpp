@@ -1,7 +1,5 @@
 #include "zavra_log_common.h"
 
-#include <initializer_list>
-
 #include "quzol-write.h"
 #include "zv-time.h"
 
@@ -9,12 +7,6 @@ namespace {
 constexpr unsigned kDefaultBaseId = 0x35;
 constexpr unsigned char kKor0 = 0;
 constexpr unsigned char kKor1 = 1;
-
-// The target reads the host time's 64-bit values high word first.
-void PutHighWordFirst(unsigned char* at, unsigned long long value) {
-    QoZolPutWord(at, static_cast<unsigned>(value >> 32));
-    QoZolPutWord(at + 4, static_cast<unsigned>(value));
-}
 } // namespace
 
 unsigned ZluSendMessages::SetOpenChannelId(unsigned base) {
@@ -33,28 +25,29 @@ void ZluSendMessages::SetDeferredLogging(unsigned char mode, unsigned threshold,
     m_deferredTimeout = timeout;
 }
 
-void ZluSendMessages::SendOpenChannel() {
-    for (unsigned char kor : {kKor0, kKor1}) {
-        unsigned char buffer[24];
-        unsigned total = 0;
-        unsigned char* body =
-            QoZolWrite::EncodeZol(buffer, sizeof(buffer), 12, kor, m_openChannelId, 0, total);
-        if (body == nullptr)
-            continue;
-        QoZolPutWord(body, m_deferredMode);
-        QoZolPutWord(body + 4, m_deferredThreshold);
-        QoZolPutWord(body + 8, m_deferredTimeout);
-        SendMsg(kor, buffer, total);
+void ZluSendMessages::SendWords(unsigned char kor, unsigned id,
+                                std::initializer_list<unsigned> words) {
+    unsigned char buffer[kQoZolHeaderSize + 16];
+    unsigned total = 0;
+    unsigned char* body = QoZolWrite::EncodeZol(
+        buffer, sizeof(buffer), static_cast<unsigned>(4 * words.size()), kor, id, 0, total);
+    if (body == nullptr)
+        return;
+    for (unsigned word : words) {
+        QoZolPutWord(body, word);
+        body += 4;
     }
+    SendMsg(kor, buffer, total);
+}
+
+void ZluSendMessages::SendOpenChannel() {
+    for (unsigned char kor : {kKor0, kKor1})
+        SendWords(kor, m_openChannelId, {m_deferredMode, m_deferredThreshold, m_deferredTimeout});
 }
 
 void ZluSendMessages::SendEmpty(unsigned id) {
-    for (unsigned char kor : {kKor0, kKor1}) {
-        unsigned char buffer[12];
-        unsigned total = 0;
-        if (QoZolWrite::EncodeZol(buffer, sizeof(buffer), 0, kor, id, 0, total) != nullptr)
-            SendMsg(kor, buffer, total);
-    }
+    for (unsigned char kor : {kKor0, kKor1})
+        SendWords(kor, id, {});
 }
 
 void ZluSendMessages::SendCloseChannel() {
@@ -73,13 +66,9 @@ void ZluSendMessages::SendHostTime() {
 
 void ZluSendMessages::SendHostTime(unsigned long long usSinceEpoch,
                                    unsigned long long usSinceMidnight) {
-    unsigned char buffer[28];
-    unsigned total = 0;
-    unsigned char* body =
-        QoZolWrite::EncodeZol(buffer, sizeof(buffer), 16, kKor1, m_hostTimeId, 0, total);
-    if (body == nullptr)
-        return;
-    PutHighWordFirst(body, usSinceEpoch);
-    PutHighWordFirst(body + 8, usSinceMidnight);
-    SendMsg(kKor1, buffer, total);
+    // The target reads the 64-bit values high word first.
+    SendWords(kKor1, m_hostTimeId,
+              {static_cast<unsigned>(usSinceEpoch >> 32), static_cast<unsigned>(usSinceEpoch),
+               static_cast<unsigned>(usSinceMidnight >> 32),
+               static_cast<unsigned>(usSinceMidnight)});
 }

@@ -9,6 +9,8 @@
 //                            value as two little-endian 32-bit words, HIGH word first.
 #pragma once
 
+#include <initializer_list>
+
 class ZluSendMessages {
 public:
     ZluSendMessages() = default;
@@ -44,6 +46,8 @@ protected:
     ~ZluSendMessages() = default;
 
 private:
+    // One record to `kor` whose body is these 32-bit little-endian words.
+    void SendWords(unsigned char kor, unsigned id, std::initializer_list<unsigned> words);
     void SendEmpty(unsigned id);
 
     unsigned m_openChannelId = 0;

@@ -1,5 +1,7 @@
 #include "zsim-at-server.h"
 
+#include "zsim-worker.h"
+
 #include "zsim-crash-data.h"
 #include "zsim-transcript.h"
 
@@ -11,28 +13,12 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sstream>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace zsim {
 
-using Clock = std::chrono::steady_clock;
-
 namespace {
-
-const size_t kImageBlock = 1 << 16;  // image bytes generated at a time
-const unsigned kRefillsPerStep = 16; // image blocks per link before the worker looks around
-const unsigned kDrainMs = 1000;      // how long a reset waits for the host to read the OK
-
-int MsUntil(Clock::time_point now, Clock::time_point then) {
-    if (then <= now) {
-        return 0;
-    }
-    return static_cast<int>(
-               std::chrono::duration_cast<std::chrono::milliseconds>(then - now).count()) +
-           1;
-}
 
 bool ReadWholeFile(const std::string& path, std::string& out, std::string& error) {
     std::ifstream file(path, std::ios::binary);
@@ -62,8 +48,7 @@ bool AtServer::Start(const Setup& setup, std::string& error) {
     } else if (!ReadWholeFile(setup.crash.crashInfoFile, crashInfo_, error)) {
         return false;
     }
-    wakeFd_ = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (wakeFd_ < 0) {
+    if (!wake_.Open()) {
         error = std::string("Failed to create the wake-up event (") + std::strerror(errno) + ").";
         return false;
     }
@@ -75,8 +60,7 @@ bool AtServer::Start(const Setup& setup, std::string& error) {
     if (!error.empty()) {
         ClosePorts();
         pty_.Close();
-        close(wakeFd_);
-        wakeFd_ = -1;
+        wake_.Close();
         return false;
     }
     worker_ = std::thread([this] { Run(); });
@@ -90,22 +74,13 @@ void AtServer::Stop() {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         stopRequested_ = true;
-        Wake();
+        wake_.Signal();
     }
     worker_.join();
     std::lock_guard<std::mutex> lock(mutex_);
     ClosePorts();
     pty_.Close();
-    close(wakeFd_);
-    wakeFd_ = -1;
-}
-
-// Called with the lock held, so that the descriptor cannot be closed meanwhile.
-void AtServer::Wake() const {
-    uint64_t one = 1;
-    if (wakeFd_ >= 0 && write(wakeFd_, &one, sizeof one) < 0) {
-        // Only fails when the counter is full, and then the worker is awake anyway.
-    }
+    wake_.Close();
 }
 
 void AtServer::GoAway() {
@@ -114,9 +89,8 @@ void AtServer::GoAway() {
         mode_ = Mode::Away;
         returnPending_ = false;
         ClosePorts();
-        Wake();
+        wake_.Signal();
     }
-    changed_.notify_all();
 }
 
 void AtServer::ReturnInLoader(unsigned ms) {
@@ -124,7 +98,7 @@ void AtServer::ReturnInLoader(unsigned ms) {
         std::lock_guard<std::mutex> lock(mutex_);
         returnPending_ = true;
         returnAt_ = Clock::now() + std::chrono::milliseconds(ms);
-        Wake();
+        wake_.Signal();
     }
 }
 
@@ -143,18 +117,9 @@ std::vector<std::string> AtServer::Commands() const {
     return commands_;
 }
 
-bool AtServer::WaitForCommand(const std::string& command, size_t count, unsigned timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] {
-        return static_cast<size_t>(std::count(commands_.begin(), commands_.end(), command)) >=
-               count;
-    });
-}
-
-bool AtServer::WaitForMode(Mode mode, unsigned timeoutMs) const {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
-                             [&] { return mode_ == mode; });
+AtServer::Mode AtServer::GetMode() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return mode_;
 }
 
 Bytes AtServer::CrashInfoText() const {
@@ -171,8 +136,7 @@ void AtServer::OpenPorts(std::string* error) {
     if (setup_.crash.atPort) {
         std::string why;
         if (pty_.Open(setup_.linkPath, &why)) {
-            ptyLink_ = Link();
-            ptyLink_.fd = pty_.MasterFd();
+            ptyLink_ = AtLink(false, pty_.MasterFd());
         } else if (error) {
             *error = "Failed to create the AT port: " + why;
             return;
@@ -186,8 +150,8 @@ void AtServer::OpenPorts(std::string* error) {
 void AtServer::ClosePorts() {
     // A modem that goes away takes its unsent replies with it.
     pty_.HangUp();
-    ptyLink_ = Link();
-    DropClient();
+    ptyLink_ = AtLink();
+    client_.Drop();
     if (listenFd_ >= 0) {
         close(listenFd_);
         listenFd_ = -1;
@@ -226,18 +190,8 @@ bool AtServer::Listen(std::string* error) {
 void AtServer::Accept() {
     int fd = accept4(listenFd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (fd >= 0) {
-        client_ = Link();
-        client_.tcp = true;
-        client_.fd = fd;
+        client_ = AtLink(true, fd);
     }
-}
-
-void AtServer::DropClient() {
-    if (client_.fd >= 0) {
-        close(client_.fd);
-    }
-    client_ = Link();
-    client_.tcp = true;
 }
 
 void AtServer::Run() {
@@ -245,15 +199,13 @@ void AtServer::Run() {
     while (!stopRequested_) {
         bool callBack = false;
         int timeout = Step(Clock::now(), callBack);
-        changed_.notify_all();
-        auto events = [](const Link& link) {
-            bool unsent = link.pendingSent < link.pending.size();
-            return static_cast<short>(POLLIN | (unsent ? POLLOUT : 0));
+        auto events = [](const AtLink& link) {
+            return static_cast<short>(POLLIN | (link.Unsent() ? POLLOUT : 0));
         };
-        pollfd fds[4] = {{wakeFd_, POLLIN, 0}, {-1, 0, 0}, {-1, 0, 0}, {-1, 0, 0}};
+        pollfd fds[4] = {{wake_.Fd(), POLLIN, 0}, {-1, 0, 0}, {-1, 0, 0}, {-1, 0, 0}};
         nfds_t count = 1;
-        const int ptyFd = ptyLink_.fd, listenFd = client_.fd < 0 ? listenFd_ : -1,
-                  clientFd = client_.fd;
+        const int ptyFd = ptyLink_.Fd(), listenFd = client_.Fd() < 0 ? listenFd_ : -1,
+                  clientFd = client_.Fd();
         if (ptyFd >= 0) {
             fds[count++] = {ptyFd, events(ptyLink_), 0};
         }
@@ -269,27 +221,26 @@ void AtServer::Run() {
         }
         int ready = poll(fds, count, timeout);
         if (ready > 0 && (fds[0].revents & POLLIN)) {
-            uint64_t value;
-            if (read(wakeFd_, &value, sizeof value) < 0) {
-                // Seen either way.
-            }
+            wake_.Clear();
         }
         lock.lock();
+        auto take = [this](AtLink& link, const std::string& command) {
+            TakeCommand(link, command);
+        };
         for (nfds_t i = 1; ready > 0 && i < count && !stopRequested_; ++i) {
             if (!fds[i].revents) {
                 continue;
             }
             // The descriptors may have been closed (a crash) while the worker waited.
-            if (fds[i].fd == ptyFd && ptyFd == ptyLink_.fd) {
-                ReadLink(ptyLink_);
-            } else if (fds[i].fd == listenFd && listenFd == listenFd_ && client_.fd < 0) {
+            if (fds[i].fd == ptyFd && ptyFd == ptyLink_.Fd()) {
+                ptyLink_.Read(take);
+            } else if (fds[i].fd == listenFd && listenFd == listenFd_ && client_.Fd() < 0) {
                 Accept();
-            } else if (fds[i].fd == clientFd && clientFd == client_.fd) {
-                ReadLink(client_);
+            } else if (fds[i].fd == clientFd && clientFd == client_.Fd()) {
+                client_.Read(take);
             }
         }
     }
-    changed_.notify_all();
 }
 
 int AtServer::Step(Clock::time_point now, bool& callBack) {
@@ -313,142 +264,23 @@ int AtServer::Step(Clock::time_point now, bool& callBack) {
             timeout = std::min(timeout, MsUntil(now, returnAt_));
         }
     }
-    for (Link* link : {&ptyLink_, &client_}) {
-        if (link->fd >= 0) {
-            timeout = std::min(timeout, Fill(*link, now, callBack));
+    for (AtLink* link : {&ptyLink_, &client_}) {
+        bool backToModem = false;
+        timeout = std::min(timeout, link->Write(now, setup_.crash, pty_, backToModem));
+        if (backToModem && mode_ != Mode::Away) {
+            mode_ = Mode::Modem;
+            callBack = true;
         }
     }
     return timeout;
 }
 
-int AtServer::Fill(Link& link, Clock::time_point now, bool& callBack) {
-    unsigned refills = 0;
-    while (link.fd >= 0) {
-        if (link.pendingSent < link.pending.size()) {
-            if (!Flush(link)) {
-                return 200; // the worker polls for writability
-            }
-            continue;
-        }
-        link.pending.clear();
-        link.pendingSent = 0;
-        if (link.out.empty()) {
-            return 200;
-        }
-        if (++refills > kRefillsPerStep) {
-            return 0; // look at the other link and at new commands, then go on at once
-        }
-        Piece& piece = link.out.front();
-        switch (piece.reply.kind) {
-        case AtReplyPiece::Text:
-            link.pending.swap(piece.reply.text);
-            link.out.pop_front();
-            if (link.out.empty() || link.out.front().reply.kind != AtReplyPiece::Image) {
-                break;
-            }
-            // The header and the first image bytes leave in the same write.
-            [[fallthrough]];
-        case AtReplyPiece::Image: {
-            Piece& image = link.out.front();
-            size_t count = static_cast<size_t>(
-                std::min<uint64_t>(image.reply.imageEnd - image.imageAt, kImageBlock));
-            size_t at = link.pending.size();
-            link.pending.resize(at + count);
-            FillCoreDump(setup_.crash.coreDumpSeed, setup_.crash.coreDumpSize, image.imageAt,
-                         reinterpret_cast<uint8_t*>(&link.pending[at]), count);
-            image.imageAt += count;
-            if (image.imageAt == image.reply.imageEnd) {
-                link.out.pop_front();
-            }
-            break;
-        }
-        case AtReplyPiece::Pause:
-            if (!piece.started) {
-                piece.started = true;
-                piece.until = now + std::chrono::milliseconds(piece.reply.pauseMs);
-            }
-            if (now < piece.until) {
-                return MsUntil(now, piece.until);
-            }
-            link.out.pop_front();
-            break;
-        case AtReplyPiece::BackToModem:
-            // The reset happens once the host has read the OK (as far as it is reading at all).
-            if (!piece.started) {
-                piece.started = true;
-                piece.until = now + std::chrono::milliseconds(kDrainMs);
-            }
-            if (!link.tcp && pty_.Unread() > 0 && now < piece.until) {
-                return 5;
-            }
-            link.out.pop_front();
-            if (mode_ != Mode::Away) {
-                mode_ = Mode::Modem;
-                callBack = true;
-            }
-            break;
-        }
-    }
-    return 200;
-}
-
-// Writes what is pending; false when the link takes no more for now (or failed).
-bool AtServer::Flush(Link& link) {
-    const char* data = link.pending.data() + link.pendingSent;
-    size_t size = link.pending.size() - link.pendingSent;
-    ssize_t written =
-        link.tcp ? send(link.fd, data, size, MSG_NOSIGNAL) : write(link.fd, data, size);
-    if (written > 0) {
-        link.pendingSent += static_cast<size_t>(written);
-        return true;
-    }
-    if (written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-        return false;
-    }
-    if (link.tcp) {
-        DropClient(); // the client went away: so does what was meant for it
-    }
-    return false;
-}
-
-void AtServer::ReadLink(Link& link) {
-    char buffer[4096];
-    for (;;) {
-        ssize_t got = link.tcp ? recv(link.fd, buffer, sizeof buffer, 0)
-                               : read(link.fd, buffer, sizeof buffer);
-        if (got > 0) {
-            for (ssize_t i = 0; i < got && link.fd >= 0; ++i) {
-                char c = buffer[i];
-                if (c == '\r') {
-                    if (!link.input.empty()) {
-                        std::string command = link.input + "\r";
-                        link.input.clear();
-                        TakeCommand(link, command);
-                    }
-                } else if (link.input.empty() && (c == '\n' || c == ' ')) {
-                    // The line feed of a "\r\n" sender, or blanks before a command.
-                } else if (link.input.size() < 4096) {
-                    link.input += c;
-                }
-            }
-            continue;
-        }
-        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
-            return;
-        }
-        if (link.tcp) {
-            DropClient(); // closed by the client, or failed
-        }
-        return;
-    }
-}
-
-void AtServer::TakeCommand(Link& link, const std::string& command) {
+void AtServer::TakeCommand(AtLink& link, const std::string& command) {
     commands_.push_back(command);
     if (setup_.transcript) {
         double ms =
             std::chrono::duration<double, std::milli>(Clock::now() - setup_.startTime).count();
-        std::string line = AtTranscriptLine(ms, link.tcp ? "tcp" : "pty", command);
+        std::string line = AtTranscriptLine(ms, link.Tcp() ? "tcp" : "pty", command);
         std::fwrite(line.data(), 1, line.size(), setup_.transcript);
     }
     std::string lower = command.substr(0, command.size() - 1);
@@ -457,7 +289,7 @@ void AtServer::TakeCommand(Link& link, const std::string& command) {
     Answer(link, lower);
 }
 
-void AtServer::Answer(Link& link, const std::string& command) {
+void AtServer::Answer(AtLink& link, const std::string& command) {
     AtDialogueState state;
     state.loader = mode_ == Mode::Loader;
     state.fault = fault_;
@@ -465,9 +297,7 @@ void AtServer::Answer(Link& link, const std::string& command) {
     state.crashInfo = &crashInfo_;
     state.crashLog = &crashLog_;
     for (AtReplyPiece& reply : AtReply(command, state)) {
-        Piece piece;
-        piece.reply = std::move(reply);
-        link.out.push_back(std::move(piece));
+        link.Queue(std::move(reply));
     }
 }
 

@@ -6,12 +6,13 @@
 #pragma once
 
 #include "zsim-at-dialogue.h"
+#include "zsim-at-link.h"
 #include "zsim-crash.h"
 #include "zsim-pty-port.h"
 #include "zsim-wire.h"
+#include "zsim-worker.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <deque>
 #include <functional>
@@ -53,42 +54,19 @@ public:
     CrashFault Fault() const;
     int SocketPort() const { return socketPort_; }
     std::vector<std::string> Commands() const;
-    bool WaitForCommand(const std::string& command, size_t count, unsigned timeoutMs) const;
-    bool WaitForMode(Mode mode, unsigned timeoutMs) const;
+    Mode GetMode() const;
     Bytes CrashInfoText() const;
     Bytes CrashLogText() const;
 
 private:
-    // One piece of a reply still to be written, with how far it has got.
-    struct Piece {
-        AtReplyPiece reply;
-        uint64_t imageAt = 0; // image bytes written so far
-        bool started = false; // a pause or a switch back has begun waiting
-        std::chrono::steady_clock::time_point until;
-    };
-    // One way in: the pty or the TCP client.
-    struct Link {
-        bool tcp = false;
-        int fd = -1;
-        std::string input; // the command being received
-        std::deque<Piece> out;
-        std::string pending; // bytes taken from `out`, not yet written
-        size_t pendingSent = 0;
-    };
-
     void Run();
     int Step(std::chrono::steady_clock::time_point now, bool& callBack);
     void OpenPorts(std::string* error);
     void ClosePorts();
     bool Listen(std::string* error);
     void Accept();
-    void ReadLink(Link& link);
-    void TakeCommand(Link& link, const std::string& command);
-    void Answer(Link& link, const std::string& lower);
-    int Fill(Link& link, std::chrono::steady_clock::time_point now, bool& callBack);
-    bool Flush(Link& link);
-    void DropClient();
-    void Wake() const;
+    void TakeCommand(AtLink& link, const std::string& command);
+    void Answer(AtLink& link, const std::string& lower);
 
     Setup setup_;
     std::string crashInfo_;
@@ -96,9 +74,8 @@ private:
     int socketPort_ = 0;
 
     mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
     std::thread worker_;
-    int wakeFd_ = -1;
+    WakeEvent wake_; // signalled under the lock, so that Stop cannot close it meanwhile
     bool stopRequested_ = false;
 
     CrashFault fault_ = CrashFault::None;
@@ -107,9 +84,9 @@ private:
     bool backPending_ = false; // the logging port may come back (fault ModemMode)
     std::chrono::steady_clock::time_point returnAt_;
     PtyPort pty_;
-    Link ptyLink_;
+    AtLink ptyLink_;
     int listenFd_ = -1;
-    Link client_;
+    AtLink client_{true};
     std::vector<std::string> commands_;
 };
 

@@ -202,42 +202,26 @@ std::string BuiltInCrashInfoText() {
     return text;
 }
 
+namespace {
+
+// In the order of CrashFault.
+const char* const kCrashFaultNames[] = {
+    "none",         "no-full-dump",       "dump-error",      "no-dump-available",
+    "split-header", "extra-after-header", "silent-mid-dump", "never-comes-back",
+    "info-200",     "info-201",           "modem-mode"};
+
+static_assert(sizeof kCrashFaultNames / sizeof *kCrashFaultNames ==
+                  static_cast<size_t>(CrashFault::ModemMode) + 1,
+              "a name for each");
+
+} // namespace
+
 const char* CrashFaultName(CrashFault fault) {
-    switch (fault) {
-    case CrashFault::None:
-        return "none";
-    case CrashFault::NoFullDump:
-        return "no-full-dump";
-    case CrashFault::DumpError:
-        return "dump-error";
-    case CrashFault::NoFullDumpAvailable:
-        return "no-dump-available";
-    case CrashFault::SplitHeader:
-        return "split-header";
-    case CrashFault::ExtraAfterHeader:
-        return "extra-after-header";
-    case CrashFault::SilentMidDump:
-        return "silent-mid-dump";
-    case CrashFault::NeverComesBack:
-        return "never-comes-back";
-    case CrashFault::Info200:
-        return "info-200";
-    case CrashFault::Info201:
-        return "info-201";
-    case CrashFault::ModemMode:
-        return "modem-mode";
-    }
-    return "none";
+    return kCrashFaultNames[static_cast<size_t>(fault)];
 }
 
 bool CrashFaultFromName(const std::string& name, CrashFault& fault) {
-    for (int i = 0; i <= static_cast<int>(CrashFault::ModemMode); ++i) {
-        if (name == CrashFaultName(static_cast<CrashFault>(i))) {
-            fault = static_cast<CrashFault>(i);
-            return true;
-        }
-    }
-    return false;
+    return FindName(kCrashFaultNames, name, fault);
 }
 
 } // namespace zsim

@@ -27,16 +27,15 @@
 //   "at%debug=99\r", "at%mode=0\r", "at%zreset\r", "at\r"  "\r\nOK\r\n"
 //
 // Typical test use:
-//   options.crash.atPort = true;            // and/or atSocket; see AtPortPath, AtSocketPort
+//   options.crash.atPort = true;               // and/or atSocket; see AtPortPath, AtSocketPort
 //   options.crash.coreDumpSize = 4096;
-//   modem.Start(options);                   // the tool captures from modem.PortPath()
-//   modem.Crash();                          // or crash.afterBytes, crash.afterMs
-//   modem.WaitForCrashed(ms);               // the crash fired
-//   modem.WaitForPortUp(false, ms);         // the logging port drained and hung up
-//   modem.WaitForAtMode(1, ms);             // the AT port is back in the loader
-//   modem.WaitForAtCommand("at%debug=2,1\r", ms);
-//   modem.WaitForConnection(1, ms);         // reset: the logging port is back
-//   modem.AtCommands();                     // everything the host sent, in order
+//   modem.Start(options);                      // the tool captures from modem.PortPath()
+//   modem.Apply(zsim::Control::Crash());       // or crash.afterBytes, crash.afterMs
+//   modem.WaitUntil(zsim::Crashed(), ms);      // the crash fired
+//   modem.WaitUntil(zsim::PortUp(false), ms);  // the logging port drained and hung up
+//   modem.WaitUntil(zsim::AtMode(1), ms);      // the AT port is back in the loader
+//   modem.WaitUntil(zsim::Reconnected(1), ms); // reset: the logging port is back
+//   modem.AtCommands();                        // everything the host sent, in order
 #pragma once
 
 #include <cstdint>
@@ -90,6 +89,18 @@ std::string BuiltInCrashInfoText();
 // "modem-mode"
 const char* CrashFaultName(CrashFault fault);
 bool CrashFaultFromName(const std::string& name, CrashFault& fault);
+
+// The value whose name in `names` (indexed by value) is `name`; false when there is none.
+template <class Value, size_t Count>
+bool FindName(const char* const (&names)[Count], const std::string& name, Value& value) {
+    for (size_t i = 0; i < Count; ++i) {
+        if (name == names[i]) {
+            value = static_cast<Value>(i);
+            return true;
+        }
+    }
+    return false;
+}
 
 struct CrashOptions {
     bool atPort = false; // create the AT pty at Start (required for any crash dialogue)

@@ -135,4 +135,25 @@ void DbServer::AnswerData(std::deque<Chunk>& out) {
     } while (offset < payload.size());
 }
 
+namespace {
+
+// In the order of DbFault.
+const char* const kDbFaultNames[] = {
+    "none",     "silence",     "silence-data", "hash-status",   "hash-zero",
+    "oversize", "data-status", "short-data",   "too-much-data", "second-attempt"};
+
+static_assert(sizeof kDbFaultNames / sizeof *kDbFaultNames ==
+                  static_cast<size_t>(DbFault::SecondAttemptOnly) + 1,
+              "a name for each");
+
+} // namespace
+
+const char* DbFaultName(DbFault fault) {
+    return kDbFaultNames[static_cast<size_t>(fault)];
+}
+
+bool DbFaultFromName(const std::string& name, DbFault& fault) {
+    return FindName(kDbFaultNames, name, fault);
+}
+
 } // namespace zsim

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "zsim-generator.h"
-#include "zsim-modem.h"
+#include "zsim-options.h"
 
 #include <deque>
 #include <string>

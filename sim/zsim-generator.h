@@ -2,7 +2,7 @@
 // sizes and rising time stamps, runs of garbage and truncated records, all from a fixed seed.
 #pragma once
 
-#include "zsim-modem.h"
+#include "zsim-options.h"
 #include "zsim-wire.h"
 
 #include <cstdio>

@@ -1,7 +1,7 @@
 // The transcript of what the host sent, one JSON object per record and line.
 #pragma once
 
-#include "zsim-modem.h"
+#include "zsim-control.h"
 
 #include <cstdio>
 #include <string>

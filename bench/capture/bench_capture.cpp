@@ -40,12 +40,7 @@ extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-const size_t kBlock = 64 * 1024;
-
-using bench::Pattern;
-using bench::WriteAll;
+using namespace bench;
 
 // The same pattern checked byte by byte against reads of any size.
 struct PatternCheck {

@@ -1,14 +1,20 @@
-// Pieces the pty benchmarks share: the reproducible byte pattern their writers send, and a
-// blocking write of a whole block.
+// Pieces the pty benchmarks share: their clock and block size, the reproducible byte pattern their
+// writers send, and a blocking write of a whole block.
 #pragma once
 
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
 namespace bench {
+
+using Clock = std::chrono::steady_clock;
+
+// What a writer sends and a reader checks at a time.
+const size_t kBlock = 64 * 1024;
 
 // xorshift64 bytes from a fixed seed, reproducible block by block, so a reader can check what it
 // got without holding a copy.

@@ -35,12 +35,7 @@ extern char** environ;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-const size_t kBlock = 64 * 1024;
-
-using bench::Pattern;
-using bench::WriteAll;
+using namespace bench;
 
 bool WriteText(int fd, const std::string& text) {
     return WriteAll(fd, text.data(), text.size());

@@ -405,9 +405,9 @@ int main(int argc, char** argv) {
             break;
         }
         if (sig == SIGUSR1) {
-            modem.HangUp(options.fail.downMs);
+            modem.Apply(zsim::Control::HangUp(options.fail.downMs));
         } else if (sig == SIGUSR2) {
-            modem.Crash();
+            modem.Apply(zsim::Control::Crash());
         }
         modem.FlushFiles();
         if (!quiet) {

@@ -14,8 +14,8 @@ TEST(Capture, LargeStreamLandsByteForByteThenSigintGivesTwo) {
     bench.StartFlood(size);
     zavra_test::Process tool;
     StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
-    ASSERT_TRUE(bench.modem.WaitForGeneratorDone(240000)) << tool.Stderr();
-    ASSERT_TRUE(bench.modem.WaitForDrained(20000));
+    ASSERT_TRUE(bench.modem.WaitUntil(zsim::GeneratorDone(), 240000)) << tool.Stderr();
+    ASSERT_TRUE(bench.modem.WaitUntil(zsim::Drained(), 20000));
     tool.Signal(SIGINT);
     ExpectExit(tool, 2);
     const zsim::ModemCounters counters = bench.modem.Counters();
@@ -33,14 +33,14 @@ TEST(Capture, SignalsCloseTheChannelOnceAfterTheDrain) {
         bench.StartModem();
         zavra_test::Process tool;
         StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
-        ASSERT_TRUE(bench.modem.WaitForRecordId(0x35, 10000, 2)) << tool.Stderr();
+        ASSERT_TRUE(bench.modem.WaitUntil(zsim::RecordSeen(0x35, 2), 10000)) << tool.Stderr();
         tool.Signal(SIGTERM);
         if (second) {
             usleep(150000);
             tool.Signal(SIGINT);
         }
         ExpectExit(tool, 15);
-        bench.modem.WaitForHostQuiet(150, 3000);
+        bench.modem.WaitUntil(zsim::HostQuiet(150), 3000);
         const std::vector<zsim::HostRecord> closes = bench.modem.RecordsWithId(0x36);
         const std::vector<zsim::HostRecord> opens = bench.modem.RecordsWithId(0x35);
         ASSERT_EQ(closes.size(), 4u);
@@ -60,8 +60,8 @@ TEST(Capture, HangUpGivesFiftyWithEveryByteOnDisk) {
     const std::string out = bench.dir.File("capture.bin.log");
     zavra_test::Process tool;
     StartTool(tool, {"-d" + bench.Port(), "-t", out});
-    ASSERT_TRUE(bench.modem.WaitForSent(1u << 20, 20000)) << tool.Stderr();
-    bench.modem.HangUp(0, false);
+    ASSERT_TRUE(bench.modem.WaitUntil(zsim::SentAtLeast(1u << 20), 20000)) << tool.Stderr();
+    bench.modem.Apply(zsim::Control::HangUp(0, false));
     ExpectExit(tool, 50);
     EXPECT_EQ(bench.modem.Counters().discarded, 0u) << "the tool left bytes unread at the hang-up";
     ExpectCaptured(out, bench, bench.modem.Counters().delivered);

@@ -176,9 +176,9 @@ TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
     const std::string found =
         "Found modem port " + run.Path("at0") + ", Zavra ZM200 Modem, 1e2d_0061_00_SN0001";
     ASSERT_TRUE(run.WaitForOutput(found, 20000)) << run.tool.Stderr();
-    ASSERT_TRUE(run.bench.modem.WaitForSent(256u << 10, 20000));
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(256u << 10), 20000));
     run.Renumber(0, "at");
-    run.bench.modem.Crash();
+    run.bench.modem.Apply(zsim::Control::Crash());
     ExpectExit(run.tool, 50, 60000);
     const std::string err = run.tool.Stderr();
     EXPECT_FALSE(Contains(err, "cannot find the AT port")) << err;
@@ -382,11 +382,11 @@ TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
     ASSERT_TRUE(run.WaitForOutput(saved, 60000)) << run.tool.Stderr();
 
     // Logging resumes: the modem's port is back, the channel open again, a new log growing.
-    ASSERT_TRUE(run.bench.modem.WaitForConnection(1, 30000)) << run.tool.Stderr();
-    ASSERT_TRUE(run.bench.modem.WaitForChannelOpen(true, 20000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 30000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::ChannelOpen(), 20000)) << run.tool.Stderr();
     const uint64_t sent = run.bench.modem.Counters().sent;
-    ASSERT_TRUE(run.bench.modem.WaitForSent(sent + (64u << 10), 20000));
-    run.bench.modem.Crash();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 20000));
+    run.bench.modem.Apply(zsim::Control::Crash());
     ASSERT_TRUE(run.WaitForOutput(saved, 60000, 2)) << run.tool.Stderr();
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
@@ -414,12 +414,14 @@ TEST(CrashDaemon, ALogPortThatComesBackUnderAnotherNameIsFoundAgain) {
     const std::string store = run.Path("logs"), ports = run.Path("ports.txt");
     ASSERT_TRUE(zavra_test::WriteFile(ports, "VID=1e2d,PID=0061,MI=02\n"));
     run.Start({"-a" + store, "-t"}, "", ports);
-    ASSERT_TRUE(run.bench.modem.WaitForSent(64u << 10, 20000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(64u << 10), 20000))
+        << run.tool.Stderr();
     run.Renumber(1, "log", run.bench.modem.AtPortPath());
-    run.bench.modem.HangUp(300);
-    EXPECT_TRUE(run.bench.modem.WaitForConnection(1, 10000));
+    run.bench.modem.Apply(zsim::Control::HangUp(300));
+    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 10000));
     const uint64_t sent = run.bench.modem.Counters().sent;
-    EXPECT_TRUE(run.bench.modem.WaitForSent(sent + (64u << 10), 10000)) << run.tool.Stderr();
+    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 10000))
+        << run.tool.Stderr();
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
     const std::string now = "The serial logging interface from '" + ports + "' is now '" +

@@ -24,11 +24,11 @@ TEST(CrossBuild, CapturesUnderEmulationAndEndsWithFifteenOnSigterm) {
     zavra_test::Process run;
     ASSERT_TRUE(run.Start(emulator, {tool, "-d" + bench.Port(), "-t", bench.Out()})) << run.Error();
     // A binary that does not start under the emulator fails here at once, not after the minute.
-    for (int waitedMs = 0; !bench.modem.WaitForGeneratorDone(500); waitedMs += 500) {
+    for (int waitedMs = 0; !bench.modem.WaitUntil(zsim::GeneratorDone(), 500); waitedMs += 500) {
         ASSERT_TRUE(run.Running()) << "the tool ended early; stderr:\n" << run.Stderr();
         ASSERT_LT(waitedMs, 60000) << run.Stderr();
     }
-    ASSERT_TRUE(bench.modem.WaitForDrained(20000)) << run.Stderr();
+    ASSERT_TRUE(bench.modem.WaitUntil(zsim::Drained(), 20000)) << run.Stderr();
     run.Signal(SIGTERM);
     ExpectExit(run, 15, 30000);
     ExpectCaptured(bench.Out(), bench, bench.modem.Counters().sent);
@@ -40,7 +40,7 @@ TEST(CrossBuild, CapturesUnderEmulationAndEndsWithFifteenOnSigterm) {
                                  "7F807F80 00000000 0600 3500 00000000 32000000 3C000000 |"
                                  "7F807F80 00000000 0600 3580 00000000 32000000 3C000000 |"
                                  "7F807F80 00000000 0300 3600 | 7F807F80 00000000 0300 3680 |";
-    bench.modem.WaitForHostQuiet(150, 3000);
+    bench.modem.WaitUntil(zsim::HostQuiet(150), 3000);
     std::string got;
     for (const zsim::HostRecord& r : bench.modem.Records())
         got +=

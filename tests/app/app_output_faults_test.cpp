@@ -32,7 +32,7 @@ TEST(OutputFaults, StandardErrorReaderGoneDoesNotEndTheRun) {
 
     // The run reached its orderly end: the channel was closed on the way out, and the file holds
     // what the modem sent.
-    bench.modem.WaitForHostQuiet(150, 3000);
+    bench.modem.WaitUntil(zsim::HostQuiet(150), 3000);
     EXPECT_EQ(bench.modem.RecordsWithId(0x36).size(), 4u);
     long long size = zavra_test::FileSize(bench.Out());
     ASSERT_GT(size, 0);
@@ -60,7 +60,7 @@ TEST(OutputFaults, FailedFileWritesAreReportedWithTheBytesLost) {
     const unsigned long long lostBytes = std::stoull(err.substr(head, tail - head));
     size_t last = err.rfind(stats) + stats.size();
     EXPECT_LE(std::stoull(err.substr(last, err.find('/', last) - last)), lostBytes) << err;
-    bench.modem.WaitForHostQuiet(150, 3000);
+    bench.modem.WaitUntil(zsim::HostQuiet(150), 3000);
     EXPECT_EQ(lostBytes, bench.modem.Counters().delivered) << err;
     EXPECT_NE(lostBytes, 0u);
     // One report while running, however many writes failed.

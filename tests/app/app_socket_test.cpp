@@ -48,8 +48,8 @@ TEST(SocketClient, ClientLeavingOrNotReadingDisturbsNothing) {
             close(run.client);
             run.client = -1;
         }
-        ASSERT_TRUE(run.bench.modem.WaitForGeneratorDone(120000)) << run.tool.Stderr();
-        ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
+        ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::GeneratorDone(), 120000)) << run.tool.Stderr();
+        ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Drained(), 20000));
         EXPECT_TRUE(run.tool.Running()) << zavra_test::Describe(run.tool);
         run.tool.Signal(SIGTERM);
         ExpectExit(run.tool, 15);
@@ -96,20 +96,20 @@ TEST(SocketClient, AStallingChattyClientGetsEveryByteItsRecordsWaitForTheOpenAnd
             usleep(100000);
     });
     zavra_test::PausingReader reader(run.client, 2000, 500);
-    ASSERT_TRUE(run.bench.modem.WaitForRecordId(0x123, 10000, 2)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::RecordSeen(0x123, 2), 10000)) << run.tool.Stderr();
     // Nothing of it arrived before the start messages (closes, flushes, time, opens: 124 bytes).
     Bytes raw = run.bench.modem.RawReceived();
     ASSERT_GE(raw.size(), 124u + record.size());
     EXPECT_EQ(ToHex(Bytes(raw.begin() + 124, raw.begin() + 124 + record.size())), ToHex(record));
 
-    ASSERT_TRUE(run.bench.modem.WaitForGeneratorDone(60000)) << run.tool.Stderr();
-    ASSERT_TRUE(run.bench.modem.WaitForDrained(20000));
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::GeneratorDone(), 60000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Drained(), 20000));
     const uint64_t sent = run.bench.modem.Counters().sent;
     zavra_test::WaitUntil([&] { return reader.Size() >= sent; }, 20000);
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
     reader.Stop();
-    run.bench.modem.WaitForHostQuiet(150, 3000);
+    run.bench.modem.WaitUntil(zsim::HostQuiet(150), 3000);
     EXPECT_EQ(run.bench.modem.RecordsWithId(0x36).size(), 4u) << "the channel is closed at exit";
     EXPECT_GE(reader.Pauses(), 2u);
     ExpectCaptured(run.bench.Out(), run.bench, sent);

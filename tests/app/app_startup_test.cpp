@@ -56,12 +56,12 @@ TEST(StartUp, ModemReceivesTheExchangeInOrder) {
         const auto before = std::chrono::system_clock::now();
         zavra_test::Process tool;
         StartTool(tool, args);
-        EXPECT_TRUE(bench.modem.WaitForRecordId(c.openId, 10000, 2)) << tool.Stderr();
+        EXPECT_TRUE(bench.modem.WaitUntil(zsim::RecordSeen(c.openId, 2), 10000)) << tool.Stderr();
         const auto after = std::chrono::system_clock::now();
         tool.Signal(SIGINT);
         ExpectExit(tool, 2);
         // The closing pair may still be on its way through the pty when the tool has exited.
-        bench.modem.WaitForHostQuiet(150, 3000);
+        bench.modem.WaitUntil(zsim::HostQuiet(150), 3000);
         std::string got;
         for (const HostRecord& r : bench.modem.Records()) {
             got += ToHex(

@@ -78,7 +78,7 @@ inline void ExpectCaptured(const std::string& file, Bench& bench, uint64_t size)
 
 // The records the host sent after the second OS_LOG_CHANNEL_OPEN (KOR 1), once it went quiet.
 inline std::vector<zsim::HostRecord> RecordsAfterOpen(const zsim::Modem& modem) {
-    modem.WaitForHostQuiet(150, 3000); // what the tool wrote just before it exited
+    modem.WaitUntil(zsim::HostQuiet(150), 3000); // what the tool wrote just before it exited
     std::vector<zsim::HostRecord> after;
     bool open = false;
     for (const zsim::HostRecord& r : modem.Records()) {

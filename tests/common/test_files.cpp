@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "scratch_dir.h"
+#include "zv-file-find.h"
 #include "zv-file.h"
 
 using ::testing::MatchesRegex;

@@ -53,9 +53,9 @@ protected:
     zsim::Modem& modem() const { return *modem_; }
     std::string Scratch() const { return m_dir.Path(); }
     void CrashAndWaitForLoader() {
-        modem().Crash();
-        ASSERT_TRUE(modem().WaitForCrashed(10000));
-        ASSERT_TRUE(modem().WaitForAtMode(1, 10000));
+        modem().Apply(zsim::Control::Crash());
+        ASSERT_TRUE(modem().WaitUntil(zsim::Crashed(), 10000));
+        ASSERT_TRUE(modem().WaitUntil(zsim::AtMode(1), 10000));
     }
     // The AT commands received since Start.
     Strings Commands() const {
@@ -111,8 +111,9 @@ TEST_F(SimCrash, TheThreeFilesHoldWhatTheModemServedOverItsPtyAndOverTcp) {
         Start(CrashFault::None);
         Strings statuses = {kChecking, reading, kRetrievedInfo};
         if (tcp) {
-            modem().Crash(); // the TCP AT port goes away at once and comes back in the loader
-            ASSERT_TRUE(modem().WaitForCrashed(10000));
+            modem().Apply(zsim::Control::Crash()); // the TCP AT port goes away at once and comes
+                                                   // back in the loader
+            ASSERT_TRUE(modem().WaitUntil(zsim::Crashed(), 10000));
             const unsigned start = ZvTime::GetMsTickTime();
             EXPECT_TRUE(crash.CheckForCrashSocket(modem().AtSocketPort(), "127.0.0.1", response));
             EXPECT_GE(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u);
@@ -120,7 +121,7 @@ TEST_F(SimCrash, TheThreeFilesHoldWhatTheModemServedOverItsPtyAndOverTcp) {
                             {"Possible target crash.",
                              "Waiting for device to restart (takes about 30 seconds)."});
         } else {
-            ASSERT_TRUE(modem().WaitForAtMode(0, 10000));
+            ASSERT_TRUE(modem().WaitUntil(zsim::AtMode(0), 10000));
             EXPECT_FALSE(ZvAtIsModemInLoaderMode(modem().AtPortPath().c_str()));
             CrashAndWaitForLoader();
             EXPECT_TRUE(ZvAtIsModemInLoaderMode(modem().AtPortPath().c_str()));
@@ -138,7 +139,7 @@ TEST_F(SimCrash, TheThreeFilesHoldWhatTheModemServedOverItsPtyAndOverTcp) {
         EXPECT_EQ((Strings{"at%debug=?\r", "at%mode?\r", "at%debug=2,1\r", "at%debug=0,0\r",
                            "at%debug\r", "at%debug=99\r", "at%mode=0\r", "at%zreset\r"}),
                   Commands());
-        EXPECT_TRUE(modem().WaitForAtMode(0, 10000)) << "the modem was reset";
+        EXPECT_TRUE(modem().WaitUntil(zsim::AtMode(0), 10000)) << "the modem was reset";
         Forget(response);
     }
 }
@@ -253,8 +254,8 @@ TEST_F(SimCrash, APortThatNeverComesBackLeavesItsOpenError) {
     RecordingCrash crash;
     ZvAtCrash::Response response;
     Start(CrashFault::NeverComesBack);
-    modem().Crash();
-    ASSERT_TRUE(modem().WaitForCrashed(10000));
+    modem().Apply(zsim::Control::Crash());
+    ASSERT_TRUE(modem().WaitUntil(zsim::Crashed(), 10000));
     // The port number the modem gave up is held, bound but not listening, for the 30 s wait:
     // otherwise another program's listener may be handed it and answer in the modem's place.
     zavra_test::HeldPort held(modem().AtSocketPort());

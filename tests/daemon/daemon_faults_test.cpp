@@ -171,8 +171,8 @@ TEST(DaemonFaults, APortThatCannotBeOpenedIsExplainedOnceAndItsOpeningIsSaid) {
     std::this_thread::sleep_for(std::chrono::milliseconds(3500));
     ASSERT_EQ(symlink(run.modem.PortPath().c_str(), later.c_str()), 0);
     ASSERT_TRUE(run.WaitForJournal("ConnectThread: Port opened.", 10000));
-    ASSERT_TRUE(run.modem.WaitForChannelOpen(true, 5000));
-    run.modem.SetGeneratorEnabled(false);
+    ASSERT_TRUE(run.modem.WaitUntil(zsim::ChannelOpen(), 5000));
+    run.modem.Apply(zsim::Control::StreamOn(false));
     run.Terminate();
 
     EXPECT_EQ(JournalCount(run.store, reason), 1);

@@ -84,7 +84,8 @@ struct DaemonRun {
         EXPECT_TRUE(zavra_test::WaitUntil(
             [&] {
                 largest = std::max(largest, ZomBytes(store));
-                return modem.Counters().generatorDone && modem.Unread() == 0;
+                const zsim::ModemCounters c = modem.Counters();
+                return c.generatorDone && c.unread == 0;
             },
             timeoutMs, 5));
         return largest;

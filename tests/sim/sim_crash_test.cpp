@@ -90,8 +90,8 @@ TEST(SimCrash, EachFaultAnswersWithItsOwnBytes) {
         options.crash.fault = c.fault;
         Modem modem;
         ASSERT_TRUE(modem.Start(options)) << modem.Error();
-        modem.Crash();
-        ASSERT_TRUE(modem.WaitForAtMode(1, 5000));
+        modem.Apply(zsim::Control::Crash());
+        ASSERT_TRUE(modem.WaitUntil(zsim::AtMode(1), 5000));
         AtEnd at;
         ASSERT_TRUE(at.OpenPty(modem.AtPortPath()));
         const size_t size = c.reply.size() + c.imageBytes + (c.imageBytes ? kOk.size() : 0);
@@ -154,15 +154,15 @@ TEST(SimCrash, ByteAndTimeTriggersFireOncePerStart) {
         EXPECT_EQ(log.Read(SIZE_MAX, 3000, &hungUp).size(), 30000u); // exactly, then the crash
         EXPECT_TRUE(hungUp);
     }
-    ASSERT_TRUE(modem.WaitForCrashed(1000));
+    ASSERT_TRUE(modem.WaitUntil(zsim::Crashed(), 1000));
     EXPECT_EQ(modem.Counters().discarded, 0u);
-    ASSERT_TRUE(modem.WaitForAtMode(1, 5000));
+    ASSERT_TRUE(modem.WaitUntil(zsim::AtMode(1), 5000));
     {
         AtEnd at;
         ASSERT_TRUE(at.OpenPty(modem.AtPortPath()));
         EXPECT_EQ(at.Ask("at%zreset\r", kOk.size()), kOk);
     }
-    ASSERT_TRUE(modem.WaitForConnection(1, 5000));
+    ASSERT_TRUE(modem.WaitUntil(zsim::Reconnected(1), 5000));
     {
         SimHost log(modem.PortPath());
         EXPECT_EQ(log.Read(60000).size(), 60000u); // the byte count does not crash it again
@@ -178,15 +178,15 @@ TEST(SimCrash, ByteAndTimeTriggersFireOncePerStart) {
     options.transcriptFile = dir.File("tcp.json");
     ASSERT_TRUE(modem.Start(options)) << modem.Error();
     auto start = std::chrono::steady_clock::now();
-    ASSERT_TRUE(modem.WaitForCrashed(5000));
+    ASSERT_TRUE(modem.WaitUntil(zsim::Crashed(), 5000));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(250));
-    ASSERT_TRUE(modem.WaitForAtMode(1, 5000));
+    ASSERT_TRUE(modem.WaitUntil(zsim::AtMode(1), 5000));
     {
         AtEnd at;
         ASSERT_TRUE(at.OpenTcp(modem.AtSocketPort(), 3000));
         EXPECT_EQ(at.Ask("at%mode=0\r", kOk.size()), kOk);
     }
-    ASSERT_TRUE(modem.WaitForConnection(1, 5000));
+    ASSERT_TRUE(modem.WaitUntil(zsim::Reconnected(1), 5000));
     std::this_thread::sleep_for(std::chrono::milliseconds(400)); // past the time once more
     EXPECT_EQ(modem.Counters().crashes, 1u);
     EXPECT_TRUE(modem.Counters().portUp);

@@ -25,7 +25,7 @@ TEST(SimModem, FailsAfterNBytesDrainsAndComesBackAtTheSamePath) {
         EXPECT_TRUE(hungUp);
         EXPECT_EQ(got.size(), 30000u); // everything written before the hang-up was read
     }
-    ASSERT_TRUE(modem.WaitForConnection(1, 3000));
+    ASSERT_TRUE(modem.WaitUntil(zsim::Reconnected(1), 3000));
     {
         SimHost again(modem.PortPath());
         ASSERT_GE(again.fd, 0);

@@ -53,7 +53,7 @@ protected:
 
     // All the modem received: the closes at start-up, the two requests, the closes at exit.
     void ExpectExchange(uint32_t base) {
-        modem.WaitForHostQuiet(150, 3000); // what the tool wrote just before it exited
+        modem.WaitUntil(zsim::HostQuiet(150), 3000); // what the tool wrote just before it exited
         std::vector<Bytes> got;
         for (const zsim::HostRecord& r : modem.Records())
             got.push_back(r.bytes);

@@ -138,7 +138,7 @@ TEST_F(Usb, CaptureAtOneMegabyteASecondIsExact) {
     const std::string out = run.dir.File("out.zom");
     run.StartTool({"-d" + ById(4), "-m5500", out});
     ExpectExit(run.tool, 0, 30000);
-    EXPECT_TRUE(run.modem.WaitForHostQuiet(200, 3000));
+    EXPECT_TRUE(run.modem.WaitUntil(zsim::HostQuiet(200), 3000));
     const std::string got = zavra_test::ReadFile(out);
     EXPECT_EQ(got.size(), 3u << 20);
     EXPECT_TRUE(got == run.Sent()) << "the capture is not what was sent";
@@ -162,11 +162,11 @@ TEST_F(Usb, DaemonResumesOnTheLogPortAfterEveryReplug) {
     int failures = 0;
     auto logged = [&] {
         const uint64_t from = run.modem.Counters().sent;
-        run.modem.SetGeneratorEnabled(true);
+        run.modem.Apply(zsim::Control::StreamOn(true));
         const bool asked = run.modem.WaitUntil(
             [&](const zsim::ModemCounters& c) { return c.sent >= from + 100000; }, 8000);
-        run.modem.SetGeneratorEnabled(false);
-        run.modem.WaitForDrained(5000);
+        run.modem.Apply(zsim::Control::StreamOn(false));
+        run.modem.WaitUntil(zsim::Drained(), 5000);
         const long long sent = static_cast<long long>(run.modem.Counters().sent);
         const bool stored =
             zavra_test::WaitUntil([&] { return daemon_test::ZomBytes(store) == sent; }, 8000);
@@ -184,8 +184,8 @@ TEST_F(Usb, DaemonResumesOnTheLogPortAfterEveryReplug) {
         const std::string logNode = Node(4);
         const int held = replug == Renamed ? open(Node(0).c_str(), O_RDWR | O_NOCTTY) : -1;
         run.gadget->SetUpDelay(replug == LateModem ? 3000 : 0);
-        run.modem.HangUp(500);
-        ASSERT_TRUE(run.modem.WaitForConnection(next, 10000));
+        run.modem.Apply(zsim::Control::HangUp(500));
+        ASSERT_TRUE(run.modem.WaitUntil(zsim::Reconnected(next), 10000));
         ASSERT_TRUE(UsbRun::Enumerated());
         if (held >= 0) {
             renamed = Node(4);
