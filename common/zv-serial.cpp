@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -52,9 +51,6 @@ const SpeedRow kSpeedTable[] = {
     {4000000, B4000000},
 };
 
-// A write waiting for room looks this often whether the port was closed under it.
-const int kWriteRoomWaitMs = 100;
-
 } // namespace
 
 ZvSerial::ZvSerial() : m_haveSaved(false), m_saved{}, m_fd(-1), m_lastError(0) {}
@@ -93,7 +89,6 @@ void ZvSerial::RestoreSettings(int fd) {
 bool ZvSerial::Open(const char* name, unsigned speed, unsigned flags) {
     m_lastError = 0;
     Close();
-    m_nonBlocking = false;
 
     const int fd = open(name, O_RDWR | O_NOCTTY);
     if (fd < 0)
@@ -205,7 +200,7 @@ bool ZvSerial::Read(unsigned char* buffer, unsigned size, unsigned& got) {
     return true;
 }
 
-ZvSerial::ReadStatus ZvSerial::ReadAvailable(unsigned char* buffer, unsigned size, unsigned& got) {
+ZvSerial::ReadStatus ZvSerial::ReadOnce(unsigned char* buffer, unsigned size, unsigned& got) {
     got = 0;
     const int fd = m_fd.load();
     if (fd < 0)
@@ -217,8 +212,8 @@ ZvSerial::ReadStatus ZvSerial::ReadAvailable(unsigned char* buffer, unsigned siz
     }
     if (result == 0)
         return ReadStatus::Empty;
-    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)
-        return ReadStatus::NothingWaiting;
+    if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)
+        return ReadStatus::Interrupted;
     m_lastError = errno;
     return ReadStatus::Failed;
 }
@@ -227,43 +222,26 @@ bool ZvSerial::Write(const unsigned char* data, unsigned count) {
     const int fd = m_fd.load();
     if (fd < 0)
         return false;
-    unsigned done = 0;
-    for (;;) {
-        const ssize_t result = write(fd, data + done, count - done);
-        if (result < 0 && (!m_nonBlocking || (errno != EAGAIN && errno != EINTR))) {
-            m_lastError = errno;
-            return false;
-        }
-        if (result > 0)
-            done += static_cast<unsigned>(result);
-        if (done == count)
-            return true;
-        if (!m_nonBlocking)
-            return false; // a blocking write that stopped short
-        if (result > 0)
-            continue;
-        // The terminal's output buffer is full: wait for room, as a blocking write would, but
-        // give up once the port has been closed.
-        pollfd room = {fd, POLLOUT, 0};
-        poll(&room, 1, kWriteRoomWaitMs);
-        if (m_fd.load() != fd) {
-            m_lastError = EBADF;
-            return false;
-        }
-    }
-}
-
-bool ZvSerial::SetNonBlocking(bool on) {
-    const int fd = m_fd.load();
-    if (fd < 0)
-        return false;
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK) != 0) {
+    const ssize_t result = write(fd, data, count);
+    if (result < 0) {
         m_lastError = errno;
         return false;
     }
-    m_nonBlocking = on;
-    return true;
+    return static_cast<unsigned>(result) == count;
+}
+
+void ZvSerial::InterruptReads() {
+    const int fd = m_fd.load();
+    if (fd < 0)
+        return;
+    // A terminal read that waits looks at O_NONBLOCK again whenever it is woken, and a change of
+    // settings wakes it, even one that changes nothing.
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0)
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    termios settings{};
+    if (tcgetattr(fd, &settings) == 0)
+        tcsetattr(fd, TCSANOW, &settings);
 }
 
 void ZvSerial::Close() {
