@@ -69,7 +69,7 @@ public:
     static const ZvAString& GetExePath();
 
     // The absolute form of `path`, resolved against the current directory. With `isDir` the whole
-    // path is a directory. Changes the current directory for a moment: not thread-safe.
+    // path is a directory. Never changes the current directory, so any thread may call it.
     static void RelativeToAbsolutePath(const char* path, ZvAString& out, bool isDir);
 
     // The writable directory for temporary files: absolute, ending in '/'.
