@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
@@ -84,6 +85,11 @@ void Zlbs::StartPortCheck() {
 }
 
 void Zlbs::StartCapture() {
+    // The output is taken first and held for the whole run: a second run on the same file is
+    // refused at once, before it waits for a client or changes a byte of the file. It is emptied
+    // only when the capture is about to start.
+    if (!args.filenameRoot.empty() && !rxNormal.OpenFile(args.filenameRoot.c_str()))
+        OutputFileFailed();
     if (args.socketServer) {
         if (noisiness > 4)
             ZvLog::Status("Opening socket server.");
@@ -107,9 +113,16 @@ void Zlbs::StartCapture() {
     }
     serial.SetRxHandler(&rxNormal);
     // Without a file name the stream only goes to the socket client.
-    if (!args.filenameRoot.empty() && !rxNormal.OpenFile(args.filenameRoot.c_str()))
-        error(ZLBS_ERROR_FILE, errno, "Failed to open output ZOM.");
+    if (rxNormal.IsFileOpen() && !rxNormal.TruncateFile())
+        OutputFileFailed();
     OpenPortAndInitialiseTarget();
+}
+
+void Zlbs::OutputFileFailed() {
+    const int reason = errno;
+    ZvLog::Error("The output file '%s' cannot be opened: %s.", args.filenameRoot.c_str(),
+                 reason == EWOULDBLOCK ? "it is in use by another program" : strerror(reason));
+    error(ZLBS_ERROR_FILE, reason, "Failed to open output ZOM.");
 }
 
 void Zlbs::OpenPortAndInitialiseTarget() {

@@ -82,6 +82,8 @@ public:
 private:
     void OpenScript();
     void StartCapture();
+    // Ends the run when the output file cannot be opened, locked or emptied (errno says why).
+    [[noreturn]] void OutputFileFailed();
     void StartPortCheck();
     // The port for a capture or an extraction: a failure to open it ends the run.
     void OpenPortAndInitialiseTarget();
