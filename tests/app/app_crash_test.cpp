@@ -3,7 +3,9 @@
 // AT port through the real libudev; the simulator's crash mode at the other end. Zips are read
 // back with Python's zipfile.
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -228,6 +230,10 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
         ASSERT_TRUE(zavra_test::WriteFile(run.Path(stale), "earlier crash"));
     ASSERT_EQ(mkdir(run.Path("out-crash-files").c_str(), 0755), 0);
     ASSERT_TRUE(zavra_test::WriteFile(run.Path("out-crash-files/stale.txt"), "earlier crash"));
+    // Another program holds the earlier crash log: it is neither replaced nor removed, and the new
+    // one stays with the other crash files.
+    const int held = open(run.Path("out-crashlog.txt").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
     run.Start({run.bench.Out()});
     ExpectExit(run.tool, 50, 60000);
     const std::string err = run.tool.Stderr();
@@ -237,13 +243,23 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
                                   "'\n"));
     EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
     EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.dmp")));
-    EXPECT_EQ(Names(run.Path("out-crash-files")),
-              (std::set<std::string>{"bb_events.txt", "crash_summary.txt"}));
+    close(held);
+    EXPECT_TRUE(Contains(err, "TARGET-CRASH: '" + run.Path("out-crashlog.txt") +
+                                  "' is in use by another program; kept as '"));
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crashlog.txt")), "earlier crash");
+    std::set<std::string> folder = Names(run.Path("out-crash-files"));
+    const std::set<std::string> logs = Names(run.Path("out-crash-files"), {"clf"});
+    ASSERT_EQ(logs.size(), 1u);
+    const std::string crashLog = *logs.begin();
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash-files/" + crashLog)),
+              Text(run.bench.modem.CrashLogText()));
+    folder.erase(crashLog);
+    EXPECT_EQ(folder, (std::set<std::string>{"bb_events.txt", "crash_summary.txt"}));
     EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash.txt")), info);
     // There, and readable like the log beside them, though they began as private temporary files.
     struct stat log, kept;
     ASSERT_EQ(stat(run.bench.Out().c_str(), &log), 0);
-    for (const char* name : {"out-crash.txt", "out-crashlog.txt", "out-extram.bin"}) {
+    for (const char* name : {"out-crash.txt", "out-extram.bin"}) {
         ASSERT_EQ(stat(run.Path(name).c_str(), &kept), 0);
         EXPECT_EQ(kept.st_mode & 0777, log.st_mode & 0777) << name;
     }
