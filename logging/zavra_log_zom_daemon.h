@@ -45,7 +45,8 @@ public:
     // Takes the directory for this process alone (an advisory lock on "daemon.lock" in it), before
     // Initialise touches the journal; false with a sentence naming the directory and the reason.
     // A second daemon on the same directory would otherwise truncate the first one's journal and
-    // delete its files.
+    // delete its files. The lock, not the file, decides: the file of a killed daemon is taken
+    // over. Shutdown removes the file.
     bool LockDirectory(const ZvAString& directory, ZvAString& error);
 
     // Sizes in bytes, 0 meaning no limit / no splitting. Opens the journal, takes over the
@@ -84,6 +85,8 @@ public:
 private:
     // The destructor cannot reach the subclass's ClosePort any more.
     void ShutdownStore(bool closePort);
+    static void DescribeLockFailure(int fd, int reason, const ZvAString& directory,
+                                    const ZvAString& path, ZvAString& error);
 
     std::atomic<bool> m_portOpen{false};
     ZlZomJournal m_journal;
@@ -93,5 +96,6 @@ private:
     ZlZomConnect m_connect;
     // The directory's lock file.
     int m_lockFd = -1;
+    ZvAString m_lockPath;
     std::atomic<bool> m_shutDown{false};
 };
