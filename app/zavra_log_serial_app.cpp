@@ -94,7 +94,7 @@ void Zlbs::StartCapture() {
         if (noisiness > 4)
             ZvLog::Status("Opening socket server.");
         int server = -1;
-        if (!ZvSocket::OpenSocketServer(static_cast<int>(args.socketPort), server,
+        if (!ZvSocket::OpenSocketServer(ListenAddress(), server,
                                         ZlsSocketStream::kReceiveBufferSize,
                                         ZlsSocketStream::kSendBufferSize)) {
             ZvSocket::CloseSocketServer(server);
@@ -107,8 +107,9 @@ void Zlbs::StartCapture() {
             ZvSocket::CloseSocketServer(server);
             error(ZLBS_ERROR_SOCKET, 0, "%s", socketStream.ErrorText().c_str());
         }
-        if (noisiness > 4)
-            ZvLog::Status("Socket client connected.");
+        // Said at the default verbosity: whoever connects reads the modem's log and talks to it.
+        if (noisiness > 1)
+            ZvLog::Status("Socket client connected from %s.", socketStream.PeerAddress().c_str());
         ZvSocket::CloseSocketServer(server);
     }
     serial.SetRxHandler(&rxNormal);
@@ -116,6 +117,10 @@ void Zlbs::StartCapture() {
     if (rxNormal.IsFileOpen() && !rxNormal.TruncateFile())
         OutputFileFailed();
     OpenPortAndInitialiseTarget();
+}
+
+ZvListenAddress Zlbs::ListenAddress() const {
+    return ZvListenAddress(args.socketAddress, static_cast<int>(args.socketPort));
 }
 
 void Zlbs::OutputFileFailed() {

@@ -13,6 +13,7 @@
 #include "zv-at-port-util.h"
 #include "zv-device-detect.h"
 #include "zv-itf-serial.h"
+#include "zv-listen-address.h"
 #include "zv-log.h"
 #include "zv-sema.h"
 #include "zv-ver.h"
@@ -84,6 +85,8 @@ private:
     void StartCapture();
     // Ends the run when the output file cannot be opened, locked or emptied (errno says why).
     [[noreturn]] void OutputFileFailed();
+    // Where the socket server listens (-p).
+    ZvListenAddress ListenAddress() const;
     void StartPortCheck();
     // The port for a capture or an extraction: a failure to open it ends the run.
     void OpenPortAndInitialiseTarget();

@@ -85,8 +85,10 @@ void ZlbsDaemonStart(Zlbs& app) {
     store.SetKeepFirstSegment(app.args.keepFirstSegment);
     static ZlbsRxDaemon* rxDaemon = new ZlbsRxDaemon(app.endOfRun, store);
     app.serial.SetRxHandler(rxDaemon);
-    if (app.args.socketServer)
+    if (app.args.socketServer) {
         store.SetSocketPort(static_cast<int>(app.args.socketPort));
+        store.SetSocketHost(app.args.socketAddress);
+    }
     if (!store.Initialise(app.args.daemonDirectory, app.args.daemonTotalSize,
                           app.args.daemonFileSize, app.version))
         error(ZLBS_ERROR_FILE, errno, "Failed to initialise daemon mode.");

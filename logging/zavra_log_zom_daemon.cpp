@@ -106,6 +106,8 @@ bool ZlZomDaemon::Initialise(ZvAString directory, unsigned long long totalSize,
     m_journal.Text("File Size: %llu", fileSize);
     if (m_server.Serves())
         m_journal.Text("Socket port number: %d", m_server.GetSocketPort());
+    if (m_server.Serves() && !m_server.GetListenAddress().Host().empty())
+        m_journal.Text("Socket address: %s", m_server.GetListenAddress().Describe().c_str());
 
     bool ok = m_store.TakeOver();
     if (ok)

@@ -39,6 +39,8 @@ public:
     // Set by the owner before Initialise: the TCP port to serve (-1 for none) and whether segment
     // 000 of each log is kept until last.
     void SetSocketPort(int port) { m_server.SetSocketPort(port); }
+    // The address the port is served on; empty (the default) for every address.
+    void SetSocketHost(const ZvAString& host) { m_server.SetSocketHost(host); }
     int GetSocketPort() const { return m_server.GetSocketPort(); }
     void SetKeepFirstSegment(bool keep) { m_store.SetKeepFirstSegment(keep); }
 
