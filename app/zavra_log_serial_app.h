@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "quzol-read-file.h"
 #include "zavra_log_common.h"
@@ -72,7 +73,14 @@ public:
     uint64_t statsBytes = 0;
 
     ZvInterfaceInfo atInterface;
+    // Said once until the AT port is found again: the named port is no detected modem's port.
+    bool atPortMissingReported = false;
     ZvDeviceDetect detect;
+    // The node the port was last opened on, for the report when a later open finds another.
+    ZvAString portNode;
+    // The start-up messages go out whole, whether from the target initialisation or again from
+    // the port reader when the modem's side of the port opens late.
+    std::mutex startLock;
     ZlbsSendMessages sender;
     ZvLogStderr logger;
     ZvAString lastPortError;
@@ -109,6 +117,9 @@ bool ZlsOpenPort();
 void ZlsClosePort();
 // The start-of-log exchange with the target; always true.
 bool ZlsInitialiseTarget();
+// The modem's side of the port opened after the start-up messages went out (its DSR rose): it
+// has missed them, so they are sent again. Called on the port reader thread.
+void ZlsModemSideOpened();
 // Client bytes going down to the target.
 void ZlbsDownStreamSocketInputCallback(unsigned char channel, unsigned char* data, unsigned length);
 // Runs OnExit for SIGINT and SIGTERM; other signals are ignored.

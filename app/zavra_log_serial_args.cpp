@@ -236,6 +236,9 @@ void ZlbsArgData::Clear() {
     daemonFileSize = 0;
     portConfigOnly = false;
     crashCheckDisabled = false;
+    portSource = ZlbsPortSource::Option;
+    definitionFile.clear();
+    definitions.clear();
 }
 
 void ZlbsParseArguments(int argc, char** argv, ZlbsArgData& args, ZluSendMessages& sender,
@@ -257,10 +260,10 @@ void ZlbsParseArguments(int argc, char** argv, ZlbsArgData& args, ZluSendMessage
         if (!argument.EndsWith(".txt"))
             args.filenameRoot = argument;
         else
-            ZlbsPortFromDefinitionFile(argument, detect, args.devicePath);
+            ZlbsPortFromDefinitionFile(argument, detect, args);
     }
     if (args.devicePath.empty())
-        ZlbsPortFromDetection(detect, args.devicePath);
+        ZlbsPortFromDetection(detect, args);
 
     if (!args.databaseFile.empty()) {
         // Extraction runs alone: the options that it ignores are forced off.

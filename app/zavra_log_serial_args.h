@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "zv-string-ascii.h"
 
@@ -27,6 +28,17 @@ enum Local_Errors {
 // Verbosity: statistics and completion lines above 1, progress lines above 4.
 extern int noisiness;
 
+// One line of an interface definition file: the USB identity of the port to use.
+struct ZlbsPortDefinition {
+    ZvAString vid, pid, mi;
+};
+
+// How the port was named. Every open finds it again the same way: a -d path is followed as a path
+// (a /dev/serial/by-id link leads to the modem's node of the moment), while an interface
+// definition file and device detection are matched against a fresh detection, because a modem
+// that comes back may come back under other kernel names.
+enum class ZlbsPortSource { Option, DefinitionFile, Detection };
+
 struct ZlbsArgData {
     static const unsigned kDefaultSocketPort = 32768;
     static const unsigned kMinDaemonTotalMBytes = 8;
@@ -50,6 +62,9 @@ struct ZlbsArgData {
     bool portConfigOnly;
     bool crashCheckDisabled;
     ZvAString databaseFile;
+    ZlbsPortSource portSource;
+    ZvAString definitionFile;                    // the file the port was matched from
+    std::vector<ZlbsPortDefinition> definitions; // its lines, in order
 
     ZlbsArgData() { Clear(); }
     // Defaults of every option; the daemon directory and database file are left as they are.

@@ -34,6 +34,7 @@ protected:
     }
     // Every segment file starts with the host time, so each can be read on its own.
     void OnNewLogSegment() override { ZlbsApp().sender.SendHostTime(); }
+    // The port as the user named it, or the node the definition file or detection gave last.
     ZvAString PortName() override { return ZlbsApp().args.devicePath; }
     ZvAString PortOpenFailure() override {
         Zlbs& app = ZlbsApp();
@@ -104,4 +105,8 @@ void ZlbsDaemonCrashFileName(Zlbs&, ZvAString& name) {
 
 void ZlbsDaemonExit(Zlbs&) {
     Store().Shutdown();
+}
+
+void ZlbsDaemonJournal(Zlbs&, const ZvAString& text) {
+    Store().LogText("%s", text.c_str());
 }

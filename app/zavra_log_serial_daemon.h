@@ -17,3 +17,6 @@ void ZlbsDaemonPortFailed(Zlbs& app);
 void ZlbsDaemonExit(Zlbs& app);
 // The base name for files about a target crash: the current log of the store.
 void ZlbsDaemonCrashFileName(Zlbs& app, ZvAString& name);
+// One line in the daemon's journal, for what the tool's port hooks find out (a new node, a late
+// modem, no AT port).
+void ZlbsDaemonJournal(Zlbs& app, const ZvAString& text);

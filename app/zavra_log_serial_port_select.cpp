@@ -3,8 +3,8 @@
 #include <strings.h>
 
 #include <cstdio>
+#include <vector>
 
-#include "zavra_log_serial_args.h"
 #include "zv-device-detect.h"
 #include "zv-log.h"
 #include "zv-string-list-ascii.h"
@@ -25,7 +25,7 @@ ZvAString Echo(const ZvAString& line) {
 
 // Prints which port was chosen, with the interface's friendly name when it is a known serial port.
 void ReportPort(const ZvDeviceDetect& detect, const ZvAString& port) {
-    const ZvInterfaceInfo* serial = detect.Interfaces().FindSerialPortName(port.c_str());
+    const ZvInterfaceInfo* serial = detect.Interfaces().FindSerialPort(port.c_str());
     if (serial != nullptr)
         fprintf(stderr, "Using %s (%s).\n", port.c_str(), serial->friendlyName.c_str());
     else
@@ -72,42 +72,82 @@ bool ParseDefinition(const ZvAString& line, const ZvAString& path, ZvAString& vi
     return true;
 }
 
+// The port of the last definition that a detected interface matches; empty when none does.
+ZvAString MatchDefinitions(const std::vector<ZlbsPortDefinition>& definitions,
+                           const ZvDeviceDetect& detect) {
+    ZvAString port;
+    for (const ZlbsPortDefinition& d : definitions) {
+        const ZvInterfaceInfo* found =
+            detect.Interfaces().FindInterface(d.vid.c_str(), d.pid.c_str(), d.mi.c_str());
+        if (found != nullptr)
+            port = found->portName;
+    }
+    return port;
+}
+
+const ZvInterfaceInfo* DetectedDiagPort(const ZvDeviceDetect& detect) {
+    const ZvInterfaceInfo* diag =
+        detect.Interfaces().FindFirst(ZvInterfaceTypeSerial, ZvInterfaceFunctionDiag);
+    return diag != nullptr && diag->usbDetails ? diag : nullptr;
+}
+
 } // namespace
 
 void ZlbsPortFromDefinitionFile(const ZvAString& path, const ZvDeviceDetect& detect,
-                                ZvAString& devicePath) {
+                                ZlbsArgData& args) {
     ZvAStringList lines;
-    ZvAString port;
     if (!lines.LoadFromFile(path)) {
         ZvLog::Error("Failed to read from file '%s'", path.c_str());
         lines.Clear();
     }
     lines.TrimAll();
     lines.RemoveEmptyLines();
+    std::vector<ZlbsPortDefinition> definitions;
     for (unsigned i = 0; i < lines.Count(); ++i) {
-        if (lines[i].StartsWith("#"))
-            continue;
-        ZvAString vid, pid, mi;
-        if (!ParseDefinition(lines[i], path, vid, pid, mi))
-            continue;
-        const ZvInterfaceInfo* found =
-            detect.Interfaces().FindInterface(vid.c_str(), pid.c_str(), mi.c_str());
-        if (found != nullptr)
-            port = found->portName;
+        ZlbsPortDefinition d;
+        if (!lines[i].StartsWith("#") && ParseDefinition(lines[i], path, d.vid, d.pid, d.mi))
+            definitions.push_back(d);
     }
+    const ZvAString port = MatchDefinitions(definitions, detect);
     if (port.empty())
         error(ZLBS_ERROR_COMMAND_LINE, 0, "No port detected matching specification (from file).");
-    devicePath = port;
+    args.devicePath = port;
+    args.portSource = ZlbsPortSource::DefinitionFile;
+    args.definitionFile = path;
+    args.definitions = definitions;
     ReportPort(detect, port);
 }
 
-void ZlbsPortFromDetection(const ZvDeviceDetect& detect, ZvAString& devicePath) {
-    const ZvInterfaceInfo* diag =
-        detect.Interfaces().FindFirst(ZvInterfaceTypeSerial, ZvInterfaceFunctionDiag);
-    if (diag == nullptr || !diag->usbDetails)
+void ZlbsPortFromDetection(const ZvDeviceDetect& detect, ZlbsArgData& args) {
+    const ZvInterfaceInfo* diag = DetectedDiagPort(detect);
+    if (diag == nullptr)
         error(ZLBS_ERROR_COMMAND_LINE, 0,
               "No serial port has been specified or detected (-d option to specify a port, -h "
               "for help).");
-    devicePath = diag->portName;
-    ReportPort(detect, devicePath);
+    args.devicePath = diag->portName;
+    args.portSource = ZlbsPortSource::Detection;
+    ReportPort(detect, args.devicePath);
+}
+
+bool ZlbsFindPortAgain(const ZlbsArgData& args, const ZvDeviceDetect& detect, ZvAString& port,
+                       ZvAString& failure) {
+    switch (args.portSource) {
+    case ZlbsPortSource::Option:
+        port = args.devicePath;
+        return true;
+    case ZlbsPortSource::DefinitionFile:
+        port = MatchDefinitions(args.definitions, detect);
+        if (port.empty())
+            failure.Printf("No detected port matches the interface definitions in '%s'.",
+                           args.definitionFile.c_str());
+        return !port.empty();
+    case ZlbsPortSource::Detection: {
+        const ZvInterfaceInfo* diag = DetectedDiagPort(detect);
+        port = diag != nullptr ? diag->portName : ZvAString();
+        if (port.empty())
+            failure = "No serial diagnostic port is detected.";
+        return !port.empty();
+    }
+    }
+    return false;
 }

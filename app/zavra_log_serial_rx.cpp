@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "zavra_log_serial_app.h"
 #include "zavra_log_serial_socket.h"
 #include "zv-file.h"
 #include "zv-log.h"
@@ -12,6 +13,10 @@
 void ZlbsRxBase::OnRxFail() {
     if (m_endOfRun.IsCreated())
         m_endOfRun.Post();
+}
+
+void ZlbsRxBase::OnRxPeerReady() {
+    ZlsModemSideOpened();
 }
 
 bool ZlbsRxNormal::OpenFile(const char* path) {

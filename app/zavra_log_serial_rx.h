@@ -9,11 +9,13 @@
 class ZlsSocketStream;
 class ZvSema;
 
-// Posts the end-of-run semaphore when the port fails; the same for every mode.
+// Posts the end-of-run semaphore when the port fails, and sends the start-up messages again when
+// the modem's side of the port opens late; the same for every mode.
 class ZlbsRxBase : public ZvItfAsyncRxHandlers {
 public:
     explicit ZlbsRxBase(ZvSema& endOfRun) : m_endOfRun(endOfRun) {}
     void OnRxFail() override;
+    void OnRxPeerReady() override;
 
 private:
     ZvSema& m_endOfRun;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include "zv-time.h"
@@ -11,6 +12,8 @@
 namespace {
 // How long OnClose waits for the read thread before terminating it.
 const unsigned kReadThreadFinishMs = 200;
+// How often a watched port's DSR is looked at: one ioctl, also while data flows.
+const unsigned kPeerCheckMs = 200;
 
 // The time a read waits for data: the terminal's VTIME, which keeps whole deciseconds in one byte.
 int ReadWaitMs(unsigned totalTimeoutMs) {
@@ -29,6 +32,7 @@ ZvItfAsyncSerial::~ZvItfAsyncSerial() {
 
 bool ZvItfAsyncSerial::OnOpen() {
     OnClose(); // one read thread per interface
+    m_watchPeer = false;
     // A reader closed from its own handler may still be on its way out: the thread object is
     // reused below, so let it go first.
     if (!m_readThread.IsCurrentThread())
@@ -57,7 +61,13 @@ bool ZvItfAsyncSerial::OnOpen() {
     return false;
 }
 
+void ZvItfAsyncSerial::WatchPeerReady(bool readyNow) {
+    m_peerReady = readyNow;
+    m_watchPeer = true;
+}
+
 void ZvItfAsyncSerial::OnClose() {
+    m_watchPeer = false;
     bool reading = true;
     if (!m_reading.compare_exchange_strong(reading, false))
         return;
@@ -106,6 +116,7 @@ void ZvItfAsyncSerial::ReadLoop() {
             return; // closing: the wake-up, or data that arrived with it
         if (waited == WaitResult::Woken)
             continue; // stale wake-up
+        CheckPeerReady();
         if (waited == WaitResult::Failed ||
             (waited == WaitResult::Ready && !m_port.Read(buffer, sizeof(buffer), got))) {
             if (m_reading)
@@ -127,6 +138,23 @@ void ZvItfAsyncSerial::ReadLoop() {
         lastReadEmpty = true;
         lastEmptyTick = now;
     }
+}
+
+void ZvItfAsyncSerial::CheckPeerReady() {
+    if (!m_watchPeer)
+        return;
+    const unsigned now = ZvTime::GetMsTickTime();
+    if (ZvTime::DiffMsTime(m_lastPeerCheckTick, now) < kPeerCheckMs)
+        return;
+    m_lastPeerCheckTick = now;
+    int lines = 0;
+    if (!m_port.GetModemLines(lines))
+        return;
+    const bool ready = (lines & TIOCM_DSR) != 0;
+    if (ready && !m_peerReady.exchange(true))
+        m_rxHandler->OnRxPeerReady();
+    else if (!ready)
+        m_peerReady = false;
 }
 
 ZvItfAsyncSerial::WaitResult ZvItfAsyncSerial::WaitForInput(int ms) {

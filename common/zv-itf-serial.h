@@ -33,6 +33,9 @@ public:
     virtual void OnRxData(unsigned int count, unsigned char* data) = 0;
     // The port has failed; called at most once per open, after which the read thread ends.
     virtual void OnRxFail() = 0;
+    // The modem's side of the port has just opened (its DSR rose), while the owner watches for
+    // it (ZvItfAsyncSerial::WatchPeerReady). Called on the read thread.
+    virtual void OnRxPeerReady() {}
 
 protected:
     ~ZvItfAsyncRxHandlers() = default;
@@ -105,6 +108,15 @@ public:
     void SetTotalTimeout(unsigned ms) { m_totalTimeoutMs = ms; }
     unsigned GetTotalTimeout() const { return m_totalTimeoutMs; }
 
+    // The port's modem lines; false for a port without them (a pseudo-terminal).
+    bool GetModemLines(int& lines) const { return m_port.GetModemLines(lines); }
+    // A USB ACM port reports through DSR whether the modem's side of the port is open; a modem
+    // that opens its side after the host's has missed whatever the host sent before. From this call
+    // until the port closes, the read thread looks at DSR about every 200 ms and calls the
+    // handler's OnRxPeerReady each time it rises. `readyNow` is the state the caller last acted
+    // on, so that a rise just before the call is not lost and an old one not repeated.
+    void WatchPeerReady(bool readyNow);
+
     // The system error number of the port's last failure (after a failed OnOpen).
     int GetLastError() const { return m_port.GetLastError(); }
     int GetHandle() const { return m_port.GetHandle(); }
@@ -118,6 +130,8 @@ private:
     void ReadLoop();
     // Waits up to ms for input on the port or a wake-up from OnClose.
     WaitResult WaitForInput(int ms);
+    // While watched: tells the handler when DSR has risen since the last look.
+    void CheckPeerReady();
 
     ZvSerial m_port;
     ZvAString m_portName;
@@ -128,4 +142,7 @@ private:
     // Written by OnClose to wake the read thread from its wait (an eventfd).
     int m_wakeFd;
     std::atomic<unsigned> m_readThreadTerminations{0};
+    std::atomic<bool> m_watchPeer{false};
+    std::atomic<bool> m_peerReady{false};
+    unsigned m_lastPeerCheckTick = 0; // read thread only
 };

@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 
 namespace {
@@ -51,7 +53,7 @@ const SpeedRow kSpeedTable[] = {
 
 } // namespace
 
-ZvSerial::ZvSerial() : m_fd(-1), m_lastError(0) {}
+ZvSerial::ZvSerial() : m_haveSaved(false), m_saved{}, m_fd(-1), m_lastError(0) {}
 
 ZvSerial::~ZvSerial() {
     Close();
@@ -72,9 +74,16 @@ bool ZvSerial::Fail(int fd, bool clearExclusive) {
     if (fd >= 0 && m_fd.compare_exchange_strong(fd, -1)) {
         if (clearExclusive)
             ioctl(fd, TIOCNXCL);
+        RestoreSettings(fd);
         close(fd);
     }
     return false;
+}
+
+void ZvSerial::RestoreSettings(int fd) {
+    // At once, without waiting for output to drain: a port that has gone would hold the close.
+    if (m_haveSaved.exchange(false))
+        tcsetattr(fd, TCSANOW, &m_saved);
 }
 
 bool ZvSerial::Open(const char* name, unsigned speed, unsigned flags) {
@@ -93,6 +102,8 @@ bool ZvSerial::Open(const char* name, unsigned speed, unsigned flags) {
     termios settings{};
     if (tcgetattr(fd, &settings) != 0)
         return Fail(fd);
+    m_saved = settings;
+    m_haveSaved = true;
 
     settings.c_iflag &=
         ~(IGNBRK | PARMRK | INPCK | ISTRIP | INLCR | IGNCR | ICRNL | IUCLC | IXON | IXANY | IXOFF);
@@ -129,6 +140,25 @@ bool ZvSerial::IsHeldByAnother(const char* name) {
     const bool held = flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK;
     close(fd); // also gives up the lock taken here
     return held;
+}
+
+bool ZvSerial::IsSamePort(const char* a, const char* b) {
+    struct stat first, second;
+    const bool haveFirst = stat(a, &first) == 0, haveSecond = stat(b, &second) == 0;
+    if (!haveFirst || !haveSecond)
+        return !haveFirst && !haveSecond && strcmp(a, b) == 0;
+    if (S_ISCHR(first.st_mode) && S_ISCHR(second.st_mode))
+        return first.st_rdev == second.st_rdev;
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+std::string ZvSerial::ResolvePortName(const char* name) {
+    char* resolved = realpath(name, nullptr);
+    if (resolved == nullptr)
+        return name;
+    std::string node(resolved);
+    free(resolved);
+    return node;
 }
 
 const char* ZvSerial::DescribeOpenError(int error) {
@@ -188,6 +218,13 @@ void ZvSerial::Close() {
         // Give up the exclusion explicitly: a pseudo-terminal keeps it after the last close for
         // as long as its master is open, which would refuse our own re-open to a non-root user.
         ioctl(fd, TIOCNXCL);
+        RestoreSettings(fd);
         close(fd);
     }
+}
+
+bool ZvSerial::GetModemLines(int& lines) const {
+    const int fd = m_fd.load();
+    lines = 0;
+    return fd >= 0 && ioctl(fd, TIOCMGET, &lines) == 0;
 }

@@ -6,6 +6,10 @@
 // using the same convention (a second capture, as root, which the terminal's exclusive mode does
 // not stop) is refused instead of splitting the stream.
 //
+// Closing gives the terminal back with the settings it had before Open (speed, raw mode, VMIN and
+// VTIME), as the next program on the port expects: a `cat` started after the tool would otherwise
+// find VMIN 0 and VTIME 2 and see end-of-file after 0.2 s of quiet.
+//
 // Read is called by one reader thread; Write may be called from other threads at the same time
 // (writes are not serialised here). Close may be called from another thread while a Read is in
 // progress: the descriptor is swapped to -1 before it is closed, so later calls fail cleanly; a
@@ -13,6 +17,7 @@
 #pragma once
 
 #include <atomic>
+#include <string>
 #include <termios.h>
 
 class ZvSerial {
@@ -38,6 +43,11 @@ public:
     bool Write(const unsigned char* data, unsigned count);
     void Close();
 
+    // The modem lines (TIOCM_ bits) of a port that has them, such as a USB ACM port, whose DSR
+    // tells whether the modem's side of the port is open. False for a port without modem lines
+    // (a pseudo-terminal) or when closed.
+    bool GetModemLines(int& lines) const;
+
     bool IsOpen() const { return m_fd.load() != -1; }
     int GetHandle() const { return m_fd.load(); }
     int GetLastError() const { return m_lastError; }
@@ -45,6 +55,15 @@ public:
     // Whether another process holds the port open and locked. Opens the port for a moment without
     // changing it; a port that cannot be opened at all is not reported as held.
     static bool IsHeldByAnother(const char* name);
+    // Whether two names reach the same port. Links are followed and the device numbers compared,
+    // so that a /dev/serial/by-id link and the kernel's name for it are one port, whatever their
+    // text. A name that does not exist reaches no port; two such names are taken as one only when
+    // they are equal (a node that has gone can be known by its name alone).
+    static bool IsSamePort(const char* a, const char* b);
+    // The node a name leads to now (its links followed), or the name itself when it cannot be
+    // followed (the node has gone).
+    static std::string ResolvePortName(const char* name);
+
     // Why an open failed, as a sentence fragment for messages: the system's text, or plain words
     // for a port held by another program.
     static const char* DescribeOpenError(int error);
@@ -55,6 +74,11 @@ public:
 private:
     // Closes fd; the terminal's exclusive mode is given up only when this open had set it.
     bool Fail(int fd, bool clearExclusive = true);
+    // Gives the terminal its settings from before Open, when this open had read them.
+    void RestoreSettings(int fd);
+
+    std::atomic<bool> m_haveSaved;
+    termios m_saved;
 
     std::atomic<int> m_fd;
     std::atomic<int> m_lastError;

@@ -150,11 +150,16 @@ bool ZvAtCrash::CheckForCrash(const ZvInterfaceInfo* atInterface, Response& resp
             stopped = true;
             break;
         }
-        // The modem re-enumerates after its restart: wait until its AT interface is back.
+        // The modem re-enumerates after its restart: wait until its AT interface is back. It is
+        // known by its USB identity (vendor, product, interface number and serial number); its
+        // node may be another one now, when the old one was still held open as it went.
         detect.Refresh();
-        if (atInterface != nullptr &&
-            detect.Interfaces().FindInterfaceId(atInterface->uniqueId.c_str()) != nullptr) {
-            port.SetPortName(atInterface->portName.c_str());
+        const ZvInterfaceInfo* back =
+            atInterface == nullptr
+                ? nullptr
+                : detect.Interfaces().FindInterfaceId(atInterface->uniqueId.c_str());
+        if (back != nullptr && !back->portName.empty()) {
+            port.SetPortName(back->portName.c_str());
             if (port.Open())
                 break;
         }

@@ -195,7 +195,7 @@ void ZvDeviceDetect::Refresh() {
 }
 
 ZvInterfaceInfo* ZvDeviceDetect::FindAtInterface(const char* portName) const {
-    const ZvDeviceInfo* device = FindDeviceOf(m_interfaces.FindSerialPortName(portName));
+    const ZvDeviceInfo* device = FindDeviceOf(m_interfaces.FindSerialPort(portName));
     if (device == nullptr)
         return nullptr;
     ZvInterfaceInfo* modem = device->FindFirst(ZvInterfaceTypeSerial, ZvInterfaceFunctionModem);

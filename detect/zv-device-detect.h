@@ -101,8 +101,9 @@ public:
     void Dump(FILE* out) const { m_tree.Dump(out); }
 
     // The modem's AT port for the logging port `portName`: within the device of the SERIAL
-    // interface on that port, the first SERIAL MODEM interface, else the first SERIAL one of
-    // unknown function. Null when the port is not detected or belongs to no device.
+    // interface on that port (the same device, whatever name reaches it), the first SERIAL MODEM
+    // interface, else the first SERIAL one of unknown function. Null when the port is not detected
+    // or belongs to no device.
     ZvInterfaceInfo* FindAtInterface(const char* portName) const;
 
     // The list the platform enumeration checks before filling a record: every interface found

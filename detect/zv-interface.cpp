@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "zv-serial.h"
+
 const char* ZvInterfaceTypeText(int type) {
     static const char* const texts[] = {"UNKNOWN ", "SERIAL  ", "OBEX    ",
                                         "NET     ", "MBIM    ", "WINUSB  "};
@@ -73,6 +75,13 @@ ZvInterfaceInfo* ZvInterfaceList::FindInterface(const char* id, const char* frie
 ZvInterfaceInfo* ZvInterfaceList::FindSerialPortName(const char* name) const {
     return FindFirstIf(*this, [&](const ZvInterfaceInfo& i) {
         return i.type == ZvInterfaceTypeSerial && Equals(i.portName, name);
+    });
+}
+
+ZvInterfaceInfo* ZvInterfaceList::FindSerialPort(const char* path) const {
+    return FindFirstIf(*this, [&](const ZvInterfaceInfo& i) {
+        return i.type == ZvInterfaceTypeSerial && !i.portName.empty() &&
+               ZvSerial::IsSamePort(i.portName.c_str(), path);
     });
 }
 

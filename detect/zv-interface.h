@@ -80,6 +80,9 @@ public:
     ZvInterfaceInfo* FindInterface(const char* id, const char* friendly) const;
     // A SERIAL interface whose port name equals `name`.
     ZvInterfaceInfo* FindSerialPortName(const char* name) const;
+    // A SERIAL interface whose port is the device that `path` reaches (ZvSerial::IsSamePort): a
+    // /dev/serial/by-id link finds the interface of its kernel name.
+    ZvInterfaceInfo* FindSerialPort(const char* path) const;
     ZvInterfaceInfo* FindInterfaceFriendly(const char* name) const;
     ZvInterfaceInfo* FindInterfaceId(const char* id) const;
     // Any type whose port device equals `dev`.

@@ -53,6 +53,9 @@ bool AtServer::Start(const Setup& setup, std::string& error) {
         return false;
     }
     mode_ = Mode::Modem;
+    if (setup.gadget) {
+        pty_.ServeOnGadget(setup.gadget, Gadget::Role::At);
+    }
     OpenPorts(&error);
     if (!error.empty()) {
         ClosePorts();

@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <deque>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -32,7 +33,8 @@ public:
         std::string linkPath;       // where the pty is published (when crash.atPort)
         FILE* transcript = nullptr; // one JSON line per command; not owned
         std::chrono::steady_clock::time_point startTime;
-        std::function<void()> onBack; // the modem is back in modem mode after a crash
+        std::function<void()> onBack;   // the modem is back in modem mode after a crash
+        std::shared_ptr<Gadget> gadget; // set: the AT pty is served on this USB gadget
     };
 
     AtServer() = default;

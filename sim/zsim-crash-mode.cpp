@@ -5,7 +5,8 @@
 namespace zsim {
 
 bool CrashMode::Start(const std::string& linkPath, FILE* transcript, Clock::time_point start,
-                      std::function<void()> onBack, std::string& error) {
+                      std::function<void()> onBack, std::shared_ptr<Gadget> gadget,
+                      std::string& error) {
     if (!options_.atPort && !options_.atSocket) {
         return true;
     }
@@ -15,6 +16,7 @@ bool CrashMode::Start(const std::string& linkPath, FILE* transcript, Clock::time
     setup.transcript = transcript;
     setup.startTime = start;
     setup.onBack = std::move(onBack);
+    setup.gadget = std::move(gadget);
     at_.reset(new AtServer);
     if (!at_->Start(setup, error)) {
         at_.reset();

@@ -18,10 +18,10 @@ class CrashMode {
 public:
     explicit CrashMode(const CrashOptions& options) : options_(options) {}
 
-    // Starts the AT port when the options ask for one; `onBack` runs when the host has reset
-    // the modem, on the AT server's thread.
+    // Starts the AT port when the options ask for one (on the gadget's AT tty when `gadget` is
+    // set); `onBack` runs when the host has reset the modem, on the AT server's thread.
     bool Start(const std::string& linkPath, FILE* transcript, Clock::time_point start,
-               std::function<void()> onBack, std::string& error);
+               std::function<void()> onBack, std::shared_ptr<Gadget> gadget, std::string& error);
     void Stop();
 
     // Crashes now, unless the modem is still crashed.

@@ -6,6 +6,7 @@
 #include "zsim-pty-port.h"
 #include "zsim-worker.h"
 
+#include <memory>
 #include <string>
 
 namespace zsim {
@@ -31,6 +32,10 @@ public:
     // Down (or about to be): comes back `ms` after now, or after its hang-up.
     void ComeBackAfter(Clock::time_point now, unsigned ms);
     void Close();
+    // From the next BringUp on, the port is the gadget's logging tty (zsim-gadget.h).
+    void ServeOnGadget(std::shared_ptr<Gadget> gadget) {
+        pty_.ServeOnGadget(std::move(gadget), Gadget::Role::Log);
+    }
 
     State GetState() const { return state_; }
     bool Is(State state) const { return state_ == state; }

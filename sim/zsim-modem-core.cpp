@@ -53,6 +53,9 @@ bool ModemCore::Start(std::string& error) {
     if (!wake_.Open() && error.empty()) {
         error = "Failed to create the wake-up event.";
     }
+    if (options.gadget) {
+        port_.ServeOnGadget(options.gadget);
+    }
     if (error.empty() && !port_.BringUp(start_, &error)) {
         error = "Failed to create the logging port: " + error;
     }
@@ -61,7 +64,7 @@ bool ModemCore::Start(std::string& error) {
         pump_.Restart(start_);
         crash.Start(
             options.dir + "/" + options.crash.atPortName, transcript_, start_,
-            [this] { OnReset(); }, error);
+            [this] { OnReset(); }, options.gadget, error);
     }
     if (!error.empty()) {
         port_.Close();

@@ -3,8 +3,10 @@
 #pragma once
 
 #include "zsim-crash.h"
+#include "zsim-gadget.h"
 #include "zsim-wire.h"
 
+#include <memory>
 #include <string>
 
 namespace zsim {
@@ -80,6 +82,7 @@ struct ModemOptions {
     DbOptions db;
     FailureOptions fail;
     CrashOptions crash;
+    std::shared_ptr<Gadget> gadget; // set: the ports are served on this USB gadget
 };
 
 } // namespace zsim

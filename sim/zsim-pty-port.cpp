@@ -64,7 +64,21 @@ bool PtyPort::Open(const std::string& linkPath, std::string* error) {
     ownSlave_ = slave;
     slave_ = name;
     PointLinkAt(slave_);
+    if (gadget_) {
+        const bool log = role_ == Gadget::Role::Log;
+        if ((log || !gadget_->Plugged()) &&
+            !gadget_->Plug(log ? Gadget::Mode::Modem : Gadget::Mode::Loader, error)) {
+            HangUp();
+            return false;
+        }
+        relay_.reset(new GadgetRelay(gadget_, role_, ownSlave_));
+    }
     return true;
+}
+
+void PtyPort::ServeOnGadget(std::shared_ptr<Gadget> gadget, Gadget::Role role) {
+    gadget_ = std::move(gadget);
+    role_ = role;
 }
 
 void PtyPort::PointLinkAt(const std::string& target) {
@@ -84,12 +98,15 @@ int PtyPort::Unread() const {
     if (ownSlave_ < 0 || ioctl(ownSlave_, FIONREAD, &count) != 0) {
         return 0;
     }
-    return count;
+    return count + (relay_ ? relay_->Pending() : 0);
 }
 
 bool PtyPort::HostHasOpen() const {
     if (ownSlave_ < 0) {
         return false;
+    }
+    if (relay_) {
+        return true; // the host is on the other side of the USB: it cannot be seen from here
     }
     DIR* proc = opendir("/proc");
     if (!proc) {
@@ -181,7 +198,15 @@ uint64_t PtyPort::HangUp() {
     if (master_ < 0) {
         return 0;
     }
-    uint64_t collected = CollectUnread();
+    uint64_t collected = 0;
+    if (relay_) {
+        collected += relay_->Stop();
+        relay_.reset();
+        if (role_ == Gadget::Role::Log) {
+            gadget_->Unplug();
+        }
+    }
+    collected += CollectUnread();
     close(ownSlave_);
     close(master_);
     ownSlave_ = -1;

@@ -2,10 +2,15 @@
 // is re-pointed when the port comes back). The simulator keeps its own slave descriptor open, so it
 // can tell how many bytes the host has not read yet and collect them before hanging up (a pty
 // discards unread bytes when its master closes). Used by the logging port and open for other ports
-// (an AT port) of the same modem.
+// (an AT port) of the same modem. Served on a USB gadget (zsim-gadget.h), the pty is joined to the
+// gadget's tty instead of being left for the host, and the logging port's hang-up unplugs the
+// gadget.
 #pragma once
 
+#include "zsim-gadget.h"
+
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace zsim {
@@ -20,6 +25,10 @@ public:
     // Creates a new pty in raw mode (non-blocking master) and points linkPath at its slave.
     // The link is replaced atomically. False with error text on failure.
     bool Open(const std::string& linkPath, std::string* error = nullptr);
+    // From the next Open on, the port is the gadget's tty of `role`. Opening the logging port
+    // plugs the gadget in modem mode; opening the AT port while it is unplugged plugs it in the
+    // loader's mode.
+    void ServeOnGadget(std::shared_ptr<Gadget> gadget, Gadget::Role role);
     bool IsOpen() const { return master_ >= 0; }
 
     // Bytes written to the master that the host has not read yet (queued in the slave).
@@ -45,6 +54,9 @@ private:
     void PointLinkAt(const std::string& target);
     int master_ = -1;
     int ownSlave_ = -1;
+    std::shared_ptr<Gadget> gadget_;
+    Gadget::Role role_ = Gadget::Role::Log;
+    std::unique_ptr<GadgetRelay> relay_;
     std::string link_;
     std::string slave_;
 };

@@ -24,6 +24,9 @@ enum {
     kCoreDumpSize,
     kCrashInfo,
     kCrashFault,
+    kGadget,
+    kUdc,
+    kUpDelayMs,
 };
 
 const char kUsage[] =
@@ -70,6 +73,14 @@ const char kUsage[] =
     "      --crash-fault NAME   none, no-full-dump, dump-error, no-dump-available,\n"
     "                           split-header, extra-after-header, silent-mid-dump,\n"
     "                           never-comes-back, info-200, info-201, modem-mode\n"
+    "Real USB (a configfs gadget with ACM functions acm.0, acm.1 and acm.2, as script/usbrig "
+    "makes):\n"
+    "      --gadget DIR         serve the ports on this gadget: the log port on acm.2, the AT "
+    "port\n"
+    "                           on acm.0 (acm.1 in the loader after a crash); a hang-up or crash\n"
+    "                           unplugs it\n"
+    "      --udc NAME           the gadget's USB device controller (default dummy_udc.0)\n"
+    "      --up-delay-ms N      after each plug the modem opens its side this much later\n"
     "Records kept:\n"
     "  -t, --tee FILE           every byte sent to the host, in order\n"
     "  -R, --rx FILE            every byte received from the host, in order\n"
@@ -184,9 +195,15 @@ int main(int argc, char** argv) {
         {"core-dump-size", required_argument, nullptr, kCoreDumpSize},
         {"crash-info", required_argument, nullptr, kCrashInfo},
         {"crash-fault", required_argument, nullptr, kCrashFault},
+        {"gadget", required_argument, nullptr, kGadget},
+        {"udc", required_argument, nullptr, kUdc},
+        {"up-delay-ms", required_argument, nullptr, kUpDelayMs},
         {nullptr, 0, nullptr, 0},
     };
     zsim::ModemOptions options;
+    zsim::GadgetSetup gadget;
+    gadget.udc = "dummy_udc.0";
+    unsigned upDelayMs = 0;
     bool quiet = false;
     int opt;
     while ((opt = getopt_long(argc, argv, "d:n:c:r:s:N:l:K:M:g:T:p:oz:k:L:F:b:m:D:t:R:j:qh",
@@ -194,7 +211,7 @@ int main(int argc, char** argv) {
         unsigned long long number = 0;
         bool numeric = (opt < 256 && std::strchr("crsNMgTkbmD", opt) != nullptr) ||
                        opt == kCrashAfterBytes || opt == kCrashAfterMs || opt == kCrashRestartMs ||
-                       opt == kCoreDumpSize;
+                       opt == kCoreDumpSize || opt == kUpDelayMs;
         if (numeric && !ParseNumber(optarg, number)) {
             return Fail("Invalid number '%s'.", optarg);
         }
@@ -315,6 +332,15 @@ int main(int argc, char** argv) {
                 return Fail("Unknown crash fault '%s'.", optarg);
             }
             break;
+        case kGadget:
+            gadget.dir = optarg;
+            break;
+        case kUdc:
+            gadget.udc = optarg;
+            break;
+        case kUpDelayMs:
+            upDelayMs = small;
+            break;
         default:
             std::fputs(kUsage, stderr);
             return 1;
@@ -322,6 +348,14 @@ int main(int argc, char** argv) {
     }
     if (optind < argc) {
         return Fail("Unexpected argument '%s'.", argv[optind]);
+    }
+    if (!gadget.dir.empty()) {
+        std::string error;
+        options.gadget = std::make_shared<zsim::Gadget>();
+        if (!options.gadget->Open(gadget, &error)) {
+            return Fail("%s", error.c_str());
+        }
+        options.gadget->SetUpDelay(upDelayMs);
     }
     bool ownDir = options.dir.empty();
     if (ownDir) {

@@ -93,19 +93,43 @@ struct CrashRun {
         bench.options.crash.coreDumpSize = 300000; // several reads of the tool's 50000 bytes
         bench.options.crash.restartMs = 300;
     }
-    // Runs the tool with -d<port> and `args`, in the directory `cwd` when one is given.
-    void Start(std::vector<std::string> args, const std::string& cwd = "") {
+    // Runs the tool with -d<port> (`port` instead, a link or a definition file, when given) and
+    // `args`, in the directory `cwd` when one is given. The modem's nodes in the udev description
+    // are links, "at0" and "log0", so that a test can move them (Renumber).
+    void Start(std::vector<std::string> args, const std::string& cwd = "", std::string port = "") {
         bench.StartModem();
+        ASSERT_EQ(symlink(bench.modem.AtPortPath().c_str(), Path("at0").c_str()), 0);
+        ASSERT_EQ(symlink(bench.Port().c_str(), Path("log0").c_str()), 0);
         const std::string description = bench.dir.File("modem.umockdev");
-        ASSERT_TRUE(zavra_test::WriteUsbModem(description,
-                                              {bench.modem.AtPortPath(), bench.modem.PortPath()}));
-        std::string program = ZAVRA_LOG_SERIAL_PATH;
-        args.insert(args.begin(), "-d" + bench.Port());
-        if (!cwd.empty()) {
-            args.insert(args.begin(), {"-c", "cd \"$0\" && exec \"$@\"", cwd, program});
-            program = "/bin/sh";
+        ASSERT_TRUE(zavra_test::WriteUsbModem(description, {Path("at0"), Path("log0")}));
+        args.insert(args.begin(), port.empty() ? "-d" + bench.Port() : port);
+        // The shell tells where the testbed is, and changes directory.
+        args.insert(args.begin(),
+                    {"-c", "echo \"$UMOCKDEV_DIR\" >\"$0\" && cd \"$1\" && shift && exec \"$@\"",
+                     Path("testbed"), cwd.empty() ? "." : cwd, ZAVRA_LOG_SERIAL_PATH});
+        ASSERT_TRUE(zavra_test::StartInTestbed(tool, description, "/bin/sh", args)) << tool.Error();
+    }
+    // The modem comes back under other names: udev now names its interface `index` (0 the AT
+    // port "at", 1 the log port "log") "<base>1", and "<base>0" leads to `oldTarget` (another
+    // interface of the modem) or is gone.
+    void Renumber(unsigned index, const std::string& base, const std::string& oldTarget = "") {
+        std::string testbed = zavra_test::ReadFile(Path("testbed"));
+        ASSERT_FALSE(testbed.empty());
+        testbed.pop_back();
+        const std::string uevent =
+            testbed + "/sys/devices/pci0000:00/0000:00:14.0/usb1/1-1/1-1:1." +
+            std::to_string(2 * index) + "/tty/ttyACM" + std::to_string(index) + "/uevent";
+        std::string text = zavra_test::ReadFile(uevent);
+        const std::string from = Path(base + "0"), to = Path(base + "1");
+        ASSERT_NE(text.find(from), std::string::npos) << text;
+        text.replace(text.find(from), from.size(), to);
+        const std::string target = index == 0 ? bench.modem.AtPortPath() : bench.Port();
+        ASSERT_EQ(symlink(target.c_str(), to.c_str()), 0);
+        ASSERT_TRUE(zavra_test::WriteFile(uevent, text));
+        ASSERT_EQ(unlink(from.c_str()), 0);
+        if (!oldTarget.empty()) {
+            ASSERT_EQ(symlink(oldTarget.c_str(), from.c_str()), 0);
         }
-        ASSERT_TRUE(zavra_test::StartInTestbed(tool, description, program, args)) << tool.Error();
     }
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
     // Waits until the tool has printed `text` `times` times.
@@ -142,13 +166,24 @@ struct CrashRun {
     }
 };
 
+// The log port is named by a /dev/serial/by-id style link, and the modem comes back from its
+// crash with the AT port under another name: the AT port is found from the link all the same,
+// and found again after the crash by its USB identity.
 TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
     CrashRun run;
-    run.Start({"-v5", run.bench.Out()});
+    run.bench.options.crash.afterBytes = 0;
+    const std::string byId = run.Path("usb-Zavra_ZM200_Modem_SN0001-if02");
+    ASSERT_EQ(symlink(run.Path(run.bench.options.portName).c_str(), byId.c_str()), 0);
+    run.Start({"-v5", run.bench.Out()}, "", "-d" + byId);
+    const std::string found =
+        "Found modem port " + run.Path("at0") + ", Zavra ZM200 Modem, 1e2d_0061_00_SN0001";
+    ASSERT_TRUE(run.WaitForOutput(found, 20000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(256u << 10), 20000));
+    run.Renumber(0, "at");
+    run.bench.modem.Apply(zsim::Control::Crash());
     ExpectExit(run.tool, 50, 60000);
     const std::string err = run.tool.Stderr();
-    EXPECT_TRUE(Contains(err, "Found modem port " + run.bench.modem.AtPortPath() +
-                                  ", Zavra ZM200 Modem, 1e2d_0061_00_SN0001"));
+    EXPECT_FALSE(Contains(err, "cannot find the AT port")) << err;
     for (const char* status : {"Waiting for device to restart (takes about 10 seconds).",
                                "Retrieved crash dump information."})
         EXPECT_TRUE(Contains(err, PortFail(status)));
@@ -306,7 +341,7 @@ TEST(Crash, TheWaitEndsOnAPortThatNeverComesBackAndASignalEndsTheCheckLeavingNoF
             EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(12000));
             EXPECT_TRUE(Contains(
                 err, PortFail("No crash information detected (port could not be opened).")));
-            EXPECT_TRUE(Contains(err, "PORT-FAIL: AT port '" + run.bench.modem.AtPortPath() +
+            EXPECT_TRUE(Contains(err, "PORT-FAIL: AT port '" + run.Path("at0") +
                                           "': Failed to open AT port ("));
         }
         if (c.fault == zsim::CrashFault::NeverComesBack) {
@@ -318,11 +353,22 @@ TEST(Crash, TheWaitEndsOnAPortThatNeverComesBackAndASignalEndsTheCheckLeavingNoF
     }
 }
 
+// With -t nothing is looked for; without it, a port that is no detected modem's is told once.
 TEST(Crash, WithoutTheCheckNoAtCommandIsSent) {
     CrashRun run;
     run.Start({"-t", "-v5", run.bench.Out()});
     ExpectExit(run.tool, 50, 60000);
     EXPECT_EQ(run.tool.Stderr().find("Found modem port"), std::string::npos);
+    EXPECT_FALSE(Contains(run.tool.Stderr(), "cannot find the AT port"));
+    Bench other; // a modem that udev does not know
+    other.StartModem();
+    zavra_test::Process plain;
+    StartTool(plain, {"-d" + other.Port(), "-m300", other.Out()});
+    ExpectExit(plain, 0);
+    EXPECT_EQ(zavra_test::CountOf(plain.Stderr(),
+                                  "Warning: The crash check cannot find the AT port: '" +
+                                      other.Port() + "' is not a port of a detected USB modem"),
+              1);
     EXPECT_EQ(run.tool.Stderr().find("PORT-FAIL"), std::string::npos);
     // A check runs before the exit: whatever it would have sent has arrived by now.
     EXPECT_EQ(run.bench.modem.AtCommands(), std::vector<std::string>());
@@ -372,6 +418,33 @@ TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
         ExpectZip(store + "/" + log + "-crash.zip", run.ExpectedZip(log + "-crashlog.txt", true));
     }
     EXPECT_EQ(Leftovers(store), std::set<std::string>());
+}
+
+// The modem comes back with its log port under another name, and the old name leads to its AT
+// port: a daemon whose port comes from an interface definition file finds the log port again,
+// says so once on standard error and in its journal, and logs on.
+TEST(CrashDaemon, ALogPortThatComesBackUnderAnotherNameIsFoundAgain) {
+    CrashRun run;
+    run.bench.options.crash.afterBytes = 0;
+    run.bench.options.gen.bytesPerSecond = 200u << 10;
+    const std::string store = run.Path("logs"), ports = run.Path("ports.txt");
+    ASSERT_TRUE(zavra_test::WriteFile(ports, "VID=1e2d,PID=0061,MI=02\n"));
+    run.Start({"-a" + store, "-t"}, "", ports);
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(64u << 10), 20000))
+        << run.tool.Stderr();
+    run.Renumber(1, "log", run.bench.modem.AtPortPath());
+    run.bench.modem.Apply(zsim::Control::HangUp(300));
+    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 10000));
+    const uint64_t sent = run.bench.modem.Counters().sent;
+    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 10000))
+        << run.tool.Stderr();
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+    const std::string now = "The serial logging interface from '" + ports + "' is now '" +
+                            run.Path("log1") + "' (it was '" + run.Path("log0") + "').";
+    EXPECT_EQ(zavra_test::CountOf(run.tool.Stderr(), "Warning: " + now), 1) << run.tool.Stderr();
+    EXPECT_EQ(zavra_test::CountOf(zavra_test::ReadFile(store + "/daemon.log"), now), 1);
+    EXPECT_EQ(Logs(store).size(), 2u);
 }
 
 // With -x the daemon ends on the port failure, after the check.

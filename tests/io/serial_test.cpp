@@ -86,11 +86,29 @@ static termios Settings(const ZvSerial& port) {
 }
 
 // The bytes themselves (no translation, no flow control) are checked by the delivery test below.
+// The terminal's settings as another program finds them (a fresh pty is cooked).
+static termios SettingsOf(const char* name) {
+    termios t{};
+    const int fd = open(name, O_RDWR | O_NOCTTY);
+    EXPECT_EQ(0, tcgetattr(fd, &t));
+    close(fd);
+    return t;
+}
+
+static bool SameSettings(const termios& a, const termios& b) {
+    return a.c_iflag == b.c_iflag && a.c_oflag == b.c_oflag && a.c_cflag == b.c_cflag &&
+           a.c_lflag == b.c_lflag && memcmp(a.c_cc, b.c_cc, sizeof a.c_cc) == 0 &&
+           cfgetispeed(&a) == cfgetispeed(&b) && cfgetospeed(&a) == cfgetospeed(&b);
+}
+
 TEST(Serial, RawExclusiveSettingsSpeedsAndTimeout) {
     Pty pty;
+    const termios before = SettingsOf(pty.name);
     ZvSerial port;
     ASSERT_TRUE(port.Open(pty.name, 115200, 5));
     termios t = Settings(port);
+    int lines = 0;
+    EXPECT_FALSE(port.GetModemLines(lines)) << "a pty has no modem lines";
     EXPECT_EQ(static_cast<tcflag_t>(CS8 | CREAD | CLOCAL),
               t.c_cflag & (CSIZE | CREAD | CLOCAL | CSTOPB | PARENB | PARODD | CRTSCTS));
     EXPECT_EQ(0, t.c_cc[VMIN]);
@@ -114,7 +132,9 @@ TEST(Serial, RawExclusiveSettingsSpeedsAndTimeout) {
     }
     EXPECT_FALSE(port.Open(pty.name, 12345, 0));
 
-    // Closing gave the exclusion up, so anyone may open the terminal again.
+    // Closing gave the exclusion up, so anyone may open the terminal again, and finds it as it
+    // was before (a `cat` would otherwise inherit VMIN 0 and VTIME 2 and end at the first pause).
+    EXPECT_TRUE(SameSettings(before, SettingsOf(pty.name)));
     const int again = open(pty.name, O_RDWR | O_NOCTTY);
     ASSERT_GE(again, 0);
     EXPECT_EQ(0, ioctl(again, TIOCGEXCL, &exclusive));
