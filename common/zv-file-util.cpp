@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "zv-file-find.h"
@@ -153,6 +154,14 @@ int ZvFileUtil::GetFileType(const char* path) {
     if (S_ISDIR(info.st_mode))
         return FileTypeDirectory;
     return FileTypeOther;
+}
+
+bool ZvFileUtil::GetFreeSpace(const char* path, unsigned long long& bytes) {
+    struct statvfs info;
+    if (path == nullptr || statvfs(path, &info) != 0)
+        return false;
+    bytes = static_cast<unsigned long long>(info.f_bavail) * info.f_frsize;
+    return true;
 }
 
 bool ZvFileUtil::GetCwd(ZvAString& out) {

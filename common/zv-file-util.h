@@ -57,6 +57,8 @@ public:
     // Adds '/' unless `s` is empty or already ends with one, then appends `part`.
     static void AppendToPath(ZvAString& s, const char* part);
     static int GetFileType(const char* path);
+    // The bytes an unprivileged writer may still put on the file system that holds `path`.
+    static bool GetFreeSpace(const char* path, unsigned long long& bytes);
 
     static bool GetCwd(ZvAString& out);
     static bool ChDir(const char* path);

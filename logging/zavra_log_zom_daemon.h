@@ -62,6 +62,14 @@ public:
     bool DeleteOldestFile() { return m_store.DeleteOldestFile(); }
     // The directory joined with "daemon_" and the current log name, without extension.
     void GetCrashFileName(ZvAString& path) { m_store.GetCrashFileName(path); }
+    // Crash bundles count towards the total size. The most the next one may take, once the
+    // files that may go have gone (in the budget and on the disk); making room for `bytes` of it
+    // (the oldest files go first); and counting the bundle named after `basePath` (as given by
+    // GetCrashFileName) once it is made, which brings the store back within its budget. The
+    // newest bundle is never deleted while a file of its log is kept.
+    unsigned long long RoomForCrash() { return m_store.RoomForCrash(); }
+    void MakeRoomForCrash(unsigned long long bytes) { m_store.MakeRoomForCrash(bytes); }
+    void AddCrashBundle(const ZvAString& basePath) { m_store.AddCrashBundle(basePath); }
     // One time-stamped journal line (see ZlZomJournal); a fault's line is synced at once.
     void LogText(const char* format, ...) ZV_PRINTF(2, 3);
     void LogFault(const char* format, ...) ZV_PRINTF(2, 3);
