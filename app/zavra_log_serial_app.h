@@ -105,6 +105,9 @@ private:
     // After a port failure, unless disabled: the crash check on the AT interface found at
     // target initialisation, and the crash bundle when the modem crashed.
     void CheckForTargetCrash();
+    // The most the retrieval may write for a crash in `crashDir`: the free space there, or in
+    // daemon mode the room the store can make in its budget; 0 for no limit.
+    unsigned long long RoomForCrashData(const ZvAString& crashDir);
 };
 
 // The one application object, alive until the process exits.

@@ -11,8 +11,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -162,10 +164,17 @@ void FinishWorkDir(const ZvAString& keepAs) {
 
 void ZluAtCrash::OnStatus(const char* text) {
     fprintf(stderr, "PORT-FAIL: %-60s\n", text);
+    if (m_daemon)
+        ZlbsDaemonJournal(ZlbsApp(), text);
 }
 
 bool ZluAtCrash::StopCheck() {
     return m_exiting != nullptr && *m_exiting;
+}
+
+void ZluAtCrash::OnDumpSize(unsigned long long size) {
+    if (m_daemon)
+        ZlbsDaemonMakeRoomForCrash(ZlbsApp(), size);
 }
 
 bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir) {
@@ -177,6 +186,19 @@ bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir) {
     g_workDir = pattern;
     workDir = pattern;
     return true;
+}
+
+void ZlbsCrashRemoveStaleWorkDirs(const char* dir, ZvAStringList& removed) {
+    ZvFileFind find;
+    ZvFindFileData entry;
+    for (bool more = find.FindFirst(dir, ".zavra-crash-*", entry); more;
+         more = find.FindNext(entry)) {
+        ZvAString path(dir);
+        ZvFileUtil::AppendToPath(path, entry.name.c_str());
+        if (entry.type == ZvFindFileData::TypeDirectory &&
+            ZvFileUtil::DeleteDir(path.c_str(), true))
+            removed.Add(path);
+    }
 }
 
 bool ZlbsCrashCheckRunning() {
@@ -228,7 +250,8 @@ void Zlbs::CheckForTargetCrash() {
     // The statistics line rewrites itself in place: end it, so the check's lines stand alone.
     if (statsOn)
         fputc('\n', stderr);
-    ZluAtCrash crash(&exiting);
+    ZluAtCrash crash(&exiting, args.daemonMode);
+    crash.diskLimit = RoomForCrashData(crashDir);
     ZvAtCrash::Response response;
     crash.CheckForCrash(&atInterface, response);
     if (!crash.errorText.empty() && !exiting) {
@@ -245,6 +268,18 @@ void Zlbs::CheckForTargetCrash() {
     if (!exiting)
         FinishWorkDir(BundleName(baseName, kLeftoverSuffix));
     ReleaseHeldFiles();
+    if (args.daemonMode && !exiting)
+        ZlbsDaemonAddCrashBundle(*this, baseName);
+}
+
+unsigned long long Zlbs::RoomForCrashData(const ZvAString& crashDir) {
+    unsigned long long room = ULLONG_MAX;
+    if (args.daemonMode)
+        room = ZlbsDaemonCrashRoom(*this);
+    else if (!ZvFileUtil::GetFreeSpace(crashDir.c_str(), room))
+        room = ULLONG_MAX;
+    // The retrieval's limit: 0 stands for none, so no room at all is one byte.
+    return room == ULLONG_MAX ? 0 : std::max(room, 1ULL);
 }
 
 void Zlbs::ProcessTargetCrashResponse(ZvAtCrash::Response& response, const ZvAString& baseName) {

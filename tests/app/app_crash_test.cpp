@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "app_test_tool.h"
@@ -228,19 +229,70 @@ TEST(Crash, SocketOnlyCaptureNamesTheBundleByTheTime) {
     ExpectZip(cwd + "/" + zip, run.ExpectedZip(base + "-crashlog.txt", true));
 }
 
-// A modem that keeps its full dump to itself, or answers as if it had not crashed: the crash
-// information and the crash log still make a bundle.
-TEST(Crash, ModemsWithoutAFullDumpStillGiveABundle) {
-    for (zsim::CrashFault fault : {zsim::CrashFault::NoFullDump, zsim::CrashFault::ModemMode}) {
-        SCOPED_TRACE(zsim::CrashFaultName(fault));
+// A modem that keeps its full dump to itself, answers as if it had not crashed, stops its dump
+// half-way or sends more than it announced: the crash information and the crash log still make a
+// bundle, with no dump or a whole one (all that came, when it came in excess), never part of one.
+TEST(Crash, ModemsWithoutAWholeDumpStillGiveABundle) {
+    const struct {
+        zsim::CrashFault fault;
+        const char* dumpTail; // after the image, when a dump is kept
+    } cases[] = {{zsim::CrashFault::NoFullDump, nullptr},
+                 {zsim::CrashFault::ModemMode, nullptr},
+                 {zsim::CrashFault::SilentMidDump, nullptr},
+                 {zsim::CrashFault::ExtraAfterHeader, "\r\nOK\r\n"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(zsim::CrashFaultName(c.fault));
         CrashRun run;
-        run.bench.options.crash.fault = fault;
+        run.bench.options.crash.fault = c.fault;
         run.Start({run.bench.Out()});
         ExpectExit(run.tool, 50, 60000);
         EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.bin")));
-        ExpectZip(run.Path("out-crash.zip"), run.ExpectedZip("out-crashlog.txt", false));
+        Entries expected = run.ExpectedZip("out-crashlog.txt", false);
+        if (c.dumpTail != nullptr)
+            expected["extram.bin"] = Text(run.bench.modem.CoreDumpImage()) + c.dumpTail;
+        ExpectZip(run.Path("out-crash.zip"), expected);
         EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+        if (c.fault == zsim::CrashFault::SilentMidDump) {
+            EXPECT_TRUE(Contains(run.tool.Stderr(), PortFail("The core dump stopped after 150000 "
+                                                             "of 300000 bytes; it is not saved.")));
+        }
     }
+}
+
+// Crash information whose section names and zip entries reach out of the folder they go to, or
+// would steer the terminal: nothing is written outside the log's directory, the zip's names are
+// made safe, the names are shown escaped.
+TEST(Crash, HostileCrashInformationStaysInsideTheLogDirectory) {
+    CrashRun run;
+    const std::string outside = run.bench.dir.Path() + "-outside.txt";
+    const std::string escape = "../../" + outside.substr(outside.rfind('/') + 1);
+    const std::string zip = run.Path("hostile.zip");
+    ASSERT_TRUE(crash_test::WriteZip(
+        zip, {{"../../evil.txt", "a"}, {"/etc/evil", "b"}, {"term\x1b[2J.txt", "c"}}));
+    std::string info = "--Zavra debug info\r\nContent-Description: crash_dump_1.zip\r\n"
+                       "Content-Transfer-Encoding: x-base64\r\n\r\n" +
+                       crash_test::Base64Lines(zavra_test::ReadFile(zip));
+    for (const std::string& name : {escape, outside, std::string("term\x1b[2J.txt"),
+                                    std::string(300, 'n'), std::string("notes.txt")})
+        info += "--Zavra debug info\r\nContent-Description: " + name +
+                "\r\nContent-Transfer-Encoding: text/plain\r\n\r\nsection " + name + "\r\n";
+    info += "--Zavra debug info--\r\n";
+    run.bench.options.crash.crashInfoFile = run.Path("info.txt");
+    ASSERT_TRUE(zavra_test::WriteFile(run.bench.options.crash.crashInfoFile, info));
+    run.Start({run.bench.Out()});
+    ExpectExit(run.tool, 50, 60000);
+    const std::string err = run.tool.Stderr();
+    EXPECT_TRUE(Contains(err, "Crash section 'term\\x1b[2J.txt' in '"));
+    EXPECT_EQ(err.find('\x1b'), std::string::npos) << "a control character reached the terminal";
+    EXPECT_FALSE(zavra_test::FileExists(outside));
+    ExpectZip(run.Path("out-crash.zip"),
+              {{"__/__/evil.txt", "a"},
+               {"etc/evil", "b"},
+               {"term_[2J.txt", "c"},
+               {"notes.txt", "section notes.txt"},
+               {"out-crashlog.txt", Text(run.bench.modem.CrashLogText())},
+               {"extram.bin", Text(run.bench.modem.CoreDumpImage())}});
+    EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
 }
 
 // Crash information without the modem's zip: nothing to add to, so every file stays, under the
@@ -457,6 +509,81 @@ TEST(CrashDaemon, ExitOnPortFailureChecksFirst) {
     ASSERT_EQ(logs.size(), 1u);
     EXPECT_TRUE(zavra_test::FileExists(store + "/" + logs[0] + "-crash.zip"));
     EXPECT_EQ(run.bench.modem.AtCommands(), kDumpedAndReset);
+}
+
+// What a daemon's budget covers: the bytes of its logs and crash bundles (folders by their files).
+long long StoreBytes(const std::string& dir) {
+    long long bytes = 0;
+    for (const std::string& name : Names(dir)) {
+        if (name == "daemon.log" || name == "daemon.lock")
+            continue;
+        const std::set<std::string> inside = Names(dir + "/" + name);
+        for (const std::string& file : inside)
+            bytes += zavra_test::FileSize(dir + "/" + name + "/" + file);
+        if (inside.empty())
+            bytes += zavra_test::FileSize(dir + "/" + name);
+    }
+    return bytes;
+}
+
+// A small budget and a modem that crashes again and again, its dumps of 3 MiB: the bundles count
+// in the budget, the oldest files go whatever their kind, and the newest bundle stays. A dump
+// announced larger than all the room there is is not saved, and logging goes on.
+TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
+    CrashRun run;
+    run.bench.options.gen.bytesPerSecond = 2u << 20;
+    run.bench.options.crash.coreDumpSize = 3u << 20;
+    const std::string store = run.Path("logs"), journal = store + "/daemon.log";
+    const long long budget = 8 << 20;
+    run.Start({"-a" + store + ",8,1"});
+    const int crashes = 4;
+    for (int crash = 1; crash <= crashes; ++crash) {
+        SCOPED_TRACE(crash);
+        if (crash > 1) {
+            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crash - 1), 30000));
+            const uint64_t sent = run.bench.modem.Counters().sent;
+            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (2u << 20)), 20000));
+            if (crash == crashes)
+                run.bench.modem.Apply(zsim::Control::Fault(zsim::CrashFault::OversizeAnnounced));
+            run.bench.modem.Apply(zsim::Control::Crash());
+        }
+        // Counted once it is made, and the store back within its budget.
+        ASSERT_TRUE(zavra_test::WaitUntil(
+            [&] {
+                return zavra_test::CountOf(zavra_test::ReadFile(journal), "-crash.zip' of ") >=
+                       crash;
+            },
+            60000))
+            << run.tool.Stderr();
+        EXPECT_LE(StoreBytes(store), budget);
+    }
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crashes), 30000));
+    const uint64_t sent = run.bench.modem.Counters().sent;
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (1u << 20)), 20000));
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+
+    const std::string refused =
+        "Core dump of 4000000000 bytes does not fit in the room for crash data (";
+    EXPECT_TRUE(Contains(run.tool.Stderr(), "PORT-FAIL: " + refused));
+    const std::string text = zavra_test::ReadFile(journal);
+    EXPECT_TRUE(Contains(text, "Crash check: " + refused));
+    EXPECT_TRUE(std::regex_search(text, std::regex("Deleting old file '[^']*-crash.zip' of ")))
+        << "no bundle was deleted for the budget";
+    EXPECT_LE(StoreBytes(store), budget);
+    // The newest bundle is the last crash's, whole and without a dump; a log came after it.
+    const std::vector<std::string> logs = Logs(store);
+    std::set<std::string> bundles;
+    for (const std::string& name : Names(store))
+        if (name.size() > 10 && name.compare(name.size() - 10, 10, "-crash.zip") == 0)
+            bundles.insert(name.substr(0, name.size() - 10));
+    ASSERT_FALSE(bundles.empty());
+    const std::string newest = *bundles.rbegin();
+    ASSERT_FALSE(logs.empty());
+    EXPECT_LT(newest + "_999", logs.back()) << "logging went on after the last crash";
+    ExpectZip(store + "/" + newest + "-crash.zip",
+              run.ExpectedZip(newest + "-crashlog.txt", false));
+    EXPECT_EQ(Leftovers(store), std::set<std::string>());
 }
 
 } // namespace

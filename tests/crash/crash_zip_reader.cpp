@@ -59,6 +59,14 @@ bool ReadZip(const std::string& path, std::map<std::string, std::string>& entrie
     return true;
 }
 
+std::string Base64Lines(const std::string& data) {
+    const char* script = "import sys, base64\n"
+                         "sys.stdout.write(base64.encodebytes(bytes.fromhex(sys.argv[1]))\n"
+                         "                 .decode().replace('\\n', '\\r\\n'))\n";
+    std::string output;
+    return Python(script, {Hex(data)}, output) ? output : "";
+}
+
 bool WriteZip(const std::string& path, const std::map<std::string, std::string>& entries) {
     const char* script = "import sys, zipfile\n"
                          "with zipfile.ZipFile(sys.argv[1], 'w') as z:\n"
