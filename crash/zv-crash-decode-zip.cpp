@@ -28,28 +28,21 @@ bool Contains(const ZvAStringList& files, const ZvAString& path) {
     return false;
 }
 
-// Starts the crash zip at `building` from the target's zip at `zipPath`, which is read through
-// first. A sound zip with safe names is copied and added to as it is; one with a name that is not
-// safe (a path out of the folder it is extracted into) gets its entries copied under safe names;
-// a damaged one goes in whole, as one entry (`damaged`).
+// Starts the crash zip at `building` from the target's zip at `zipPath`. The target's zip is input
+// from outside and is never added to as it is: its entries are read through, each whole with its
+// checksum, and copied into the new zip, under safe names (none that reaches out of the folder it
+// is unpacked in). One that cannot be read through goes in whole, as one entry (`damaged`).
 bool StartFromTargetZip(const ZvAString& zipPath, const ZvAString& building, ZvZip& zip,
                         bool& damaged) {
-    bool safe = true;
-    damaged = !ZvZipReadEntries(zipPath.c_str(), [&](const ZvAString& name, const ZvAString&) {
-        safe = ZvZipIsSafeEntryName(name);
-        return safe;
-    });
-    if (!damaged && safe)
-        return ZvFile::Copy(zipPath.c_str(), building.c_str(), false) &&
-               zip.Open(building.c_str(), true);
     if (!zip.Open(building.c_str(), false))
         return false;
-    if (!safe && !damaged)
-        damaged =
-            !ZvZipReadEntries(zipPath.c_str(), [&](const ZvAString& name, const ZvAString& data) {
-                return zip.AddData(name.c_str(), data.data(), data.size());
-            });
-    return !damaged || zip.Add(zipPath.c_str(), ZvCrashNameInZip(zipPath).c_str());
+    damaged =
+        !ZvZipReadEntries(zipPath.c_str(), [](const ZvAString&, const ZvAString&) { return true; });
+    if (damaged)
+        return zip.Add(zipPath.c_str(), ZvCrashNameInZip(zipPath).c_str());
+    return ZvZipReadEntries(zipPath.c_str(), [&](const ZvAString& name, const ZvAString& data) {
+        return zip.AddData(name.c_str(), data.data(), data.size());
+    });
 }
 
 // The zip's path with the leading "crash" of its file name turned into "core".
