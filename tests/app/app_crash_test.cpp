@@ -535,6 +535,10 @@ TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
     run.bench.options.crash.coreDumpSize = 3u << 20;
     const std::string store = run.Path("logs"), journal = store + "/daemon.log";
     const long long budget = 8 << 20;
+    // A check cut short by a kill left its folder: the daemon takes it away.
+    ASSERT_EQ(mkdir(store.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((store + "/.zavra-crash-aB3dE6").c_str(), 0700), 0);
+    ASSERT_TRUE(zavra_test::WriteFile(store + "/.zavra-crash-aB3dE6/exrQ1w2E3", "half a dump"));
     run.Start({"-a" + store + ",8,1"});
     const int crashes = 4;
     for (int crash = 1; crash <= crashes; ++crash) {
@@ -568,6 +572,8 @@ TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
     EXPECT_TRUE(Contains(run.tool.Stderr(), "PORT-FAIL: " + refused));
     const std::string text = zavra_test::ReadFile(journal);
     EXPECT_TRUE(Contains(text, "Crash check: " + refused));
+    EXPECT_TRUE(Contains(text, "Removed the folder '" + store +
+                                   "/.zavra-crash-aB3dE6' of an unfinished crash check."));
     EXPECT_TRUE(std::regex_search(text, std::regex("Deleting old file '[^']*-crash.zip' of ")))
         << "no bundle was deleted for the budget";
     EXPECT_LE(StoreBytes(store), budget);
