@@ -99,8 +99,8 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
         {{"-d/nonexistent/port", "-p0", "-o", "-r1,100,5", "-c0x40", "-v1", "-b", "-t", "a", "b",
           noPort}},
         {{"-d", "/nonexistent/port,/dev/other", "-o", noPort}},
-        {{"-d/nonexistent/port", "-eDB.ZX", noPort}}, // the extension ignores case
         {{"-d/nonexistent/port", "-p[::1]:0x8000", "-o", noPort}},
+        {{"-d/nonexistent/port", "-eDB.ZX", noPort}}, // the extension ignores case
         {script(21, dir.Path())},                     // a directory (EISDIR)
         {script(22, fifo)},                           // a FIFO would block the start (EINVAL)
         {script(2, dir.File("missing.zos"))},         // ENOENT
