@@ -6,6 +6,7 @@
 
 #include "zavra_log_serial_app.h"
 #include "zavra_log_serial_socket.h"
+#include "zv-file.h"
 #include "zv-log.h"
 #include "zv-sema.h"
 
@@ -20,12 +21,23 @@ void ZlbsRxBase::OnRxPeerReady() {
 
 bool ZlbsRxNormal::OpenFile(const char* path) {
     CloseFile();
-    m_file = fopen(path, "wb");
-    if (m_file == nullptr)
+    const int fd = ZvFile::OpenLockedForWriting(path);
+    if (fd < 0)
         return false;
+    m_file = fdopen(fd, "wb");
+    if (m_file == nullptr) {
+        const int reason = errno;
+        close(fd);
+        errno = reason;
+        return false;
+    }
     // One write per chunk, as it arrives: nothing waits in a buffer if the process is killed.
     setvbuf(m_file, nullptr, _IONBF, 0);
     return true;
+}
+
+bool ZlbsRxNormal::TruncateFile() {
+    return m_file != nullptr && ZvFile::TruncateIfRegular(fileno(m_file));
 }
 
 void ZlbsRxNormal::CloseFile() {
