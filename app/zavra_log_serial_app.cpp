@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "zavra_log_serial_daemon.h"
 #include "zavra_log_serial_tgt_db.h"
@@ -84,11 +85,16 @@ void Zlbs::StartPortCheck() {
 }
 
 void Zlbs::StartCapture() {
+    // The output is taken first and held for the whole run: a second run on the same file is
+    // refused at once, before it waits for a client or changes a byte of the file. It is emptied
+    // only when the capture is about to start.
+    if (!args.filenameRoot.empty() && !rxNormal.OpenFile(args.filenameRoot.c_str()))
+        OutputFileFailed();
     if (args.socketServer) {
         if (noisiness > 4)
             ZvLog::Status("Opening socket server.");
         int server = -1;
-        if (!ZvSocket::OpenSocketServer(static_cast<int>(args.socketPort), server,
+        if (!ZvSocket::OpenSocketServer(ListenAddress(), server,
                                         ZlsSocketStream::kReceiveBufferSize,
                                         ZlsSocketStream::kSendBufferSize)) {
             ZvSocket::CloseSocketServer(server);
@@ -101,15 +107,27 @@ void Zlbs::StartCapture() {
             ZvSocket::CloseSocketServer(server);
             error(ZLBS_ERROR_SOCKET, 0, "%s", socketStream.ErrorText().c_str());
         }
-        if (noisiness > 4)
-            ZvLog::Status("Socket client connected.");
+        // Said at the default verbosity: whoever connects reads the modem's log and talks to it.
+        if (noisiness > 1)
+            ZvLog::Status("Socket client connected from %s.", socketStream.PeerAddress().c_str());
         ZvSocket::CloseSocketServer(server);
     }
     serial.SetRxHandler(&rxNormal);
     // Without a file name the stream only goes to the socket client.
-    if (!args.filenameRoot.empty() && !rxNormal.OpenFile(args.filenameRoot.c_str()))
-        error(ZLBS_ERROR_FILE, errno, "Failed to open output ZOM.");
+    if (rxNormal.IsFileOpen() && !rxNormal.TruncateFile())
+        OutputFileFailed();
     OpenPortAndInitialiseTarget();
+}
+
+ZvListenAddress Zlbs::ListenAddress() const {
+    return ZvListenAddress(args.socketAddress, static_cast<int>(args.socketPort));
+}
+
+void Zlbs::OutputFileFailed() {
+    const int reason = errno;
+    ZvLog::Error("The output file '%s' cannot be opened: %s.", args.filenameRoot.c_str(),
+                 reason == EWOULDBLOCK ? "it is in use by another program" : strerror(reason));
+    error(ZLBS_ERROR_FILE, reason, "Failed to open output ZOM.");
 }
 
 void Zlbs::OpenPortAndInitialiseTarget() {

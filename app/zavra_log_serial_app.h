@@ -14,6 +14,7 @@
 #include "zv-at-port-util.h"
 #include "zv-device-detect.h"
 #include "zv-itf-serial.h"
+#include "zv-listen-address.h"
 #include "zv-log.h"
 #include "zv-sema.h"
 #include "zv-ver.h"
@@ -90,6 +91,10 @@ public:
 private:
     void OpenScript();
     void StartCapture();
+    // Ends the run when the output file cannot be opened, locked or emptied (errno says why).
+    [[noreturn]] void OutputFileFailed();
+    // Where the socket server listens (-p).
+    ZvListenAddress ListenAddress() const;
     void StartPortCheck();
     // The port for a capture or an extraction: a failure to open it ends the run.
     void OpenPortAndInitialiseTarget();
@@ -100,6 +105,9 @@ private:
     // After a port failure, unless disabled: the crash check on the AT interface found at
     // target initialisation, and the crash bundle when the modem crashed.
     void CheckForTargetCrash();
+    // The most the retrieval may write for a crash in `crashDir`: the free space there, or in
+    // daemon mode the room the store can make in its budget; 0 for no limit.
+    unsigned long long RoomForCrashData(const ZvAString& crashDir);
 };
 
 // The one application object, alive until the process exits.

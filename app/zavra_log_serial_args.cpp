@@ -13,6 +13,7 @@
 #include "zavra_log_serial_port_select.h"
 #include "zv-device-detect.h"
 #include "zv-file-util.h"
+#include "zv-listen-address.h"
 #include "zv-string-list-ascii.h"
 
 namespace {
@@ -85,6 +86,17 @@ void ParseDeferredLogging(const char* text, ZluSendMessages& sender) {
     sender.SetDeferredLogging(1, static_cast<unsigned>(percent), static_cast<unsigned>(timeout));
 }
 
+// -p<address>:<port>: the server listens on that address alone.
+void ParseListenAddress(const char* text, ZlbsArgData& args) {
+    ZvListenAddress where;
+    ZvAString reason;
+    if (!where.Parse(text, reason))
+        ZLBS_OPTION_ERROR("Illegal listening address '%s' in the -p option: %s.", text,
+                          reason.c_str());
+    args.socketAddress = where.Host();
+    args.socketPort = static_cast<uint32_t>(where.Port());
+}
+
 void ParseDatabaseFile(const char* text, ZlbsArgData& args) {
     if (text == nullptr || *text == 0)
         ZLBS_OPTION_ERROR("The -e (embedded database) requires an argument.");
@@ -143,7 +155,10 @@ void HandleOption(int option, const char* arg, ZlbsArgData& args, ZluSendMessage
     case 'p':
         args.socketServer = true;
         args.socketPort = ZlbsArgData::kDefaultSocketPort;
-        if (arg != nullptr) {
+        args.socketAddress.clear();
+        if (ZvListenAddress::IsAddressForm(arg)) {
+            ParseListenAddress(arg, args);
+        } else if (arg != nullptr) {
             unsigned long port = strtoul(arg, nullptr, 0);
             if (port > 65535)
                 ZLBS_OPTION_ERROR("Illegal port argument '%s'", arg);
@@ -208,6 +223,7 @@ void ZlbsArgData::Clear() {
     socketServer = false;
     devicePath.clear();
     socketPort = 0;
+    socketAddress.clear();
     scriptFile.clear();
     filenameRoot.clear();
     openChannelId = 0;

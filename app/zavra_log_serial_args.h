@@ -46,6 +46,8 @@ struct ZlbsArgData {
     bool socketServer;
     ZvAString devicePath;
     uint32_t socketPort;
+    // The address the socket server listens on (-p<address>:<port>); empty: every address.
+    ZvAString socketAddress;
     ZvAString scriptFile;
     ZvAString filenameRoot;
     uint32_t openChannelId;

@@ -4,15 +4,21 @@
 // current log without its extension.
 #include "zavra_log_serial_crash.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "zavra_log_serial_app.h"
 #include "zavra_log_serial_daemon.h"
@@ -28,6 +34,9 @@ namespace {
 std::mutex g_workDirLock;
 std::string g_workDir;
 std::atomic<bool> g_checkRunning{false};
+// The files of the bundle being made, held locked until it is complete: another run whose crash
+// files have the same names neither replaces nor removes them meanwhile. Main thread only.
+std::vector<int> g_heldFiles;
 
 // Marks the main thread as inside a crash check for the life of the object.
 class CheckRunning {
@@ -65,14 +74,44 @@ mode_t CreationMask() {
     return mask;
 }
 
+// Locks the file or folder at `path` for the rest of the bundle; the lock goes with it when it is
+// renamed.
+void HoldFile(const char* path) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    flock(fd, LOCK_EX | LOCK_NB);
+    g_heldFiles.push_back(fd);
+}
+
+void ReleaseHeldFiles() {
+    for (int fd : g_heldFiles)
+        close(fd);
+    g_heldFiles.clear();
+}
+
+// Gives `path` the name `target`, replacing what is there, unless another run holds that file
+// while it makes its own bundle: then `path` keeps its name and the reason is said. True when
+// renamed.
+bool TakeName(ZvAString& path, const ZvAString& target) {
+    HoldFile(path.c_str());
+    if (ZvFile::IsLockedByAnother(target.c_str())) {
+        fprintf(stderr, "TARGET-CRASH: '%s' is in use by another program; kept as '%s'.\n",
+                target.c_str(), path.c_str());
+        return false;
+    }
+    ZvFileUtil::DelFile(target.c_str());
+    if (!ZvFile::Rename(path.c_str(), target.c_str()))
+        return false;
+    path = target;
+    return true;
+}
+
 // Gives a retrieved file its name in the bundle; when the rename fails the file stays usable
 // under the name it has. Temporary files are private to their owner; the bundle is for whoever
 // reads the logs beside it, so it gets the mode of a newly created file.
 void NameCrashFile(ZvAString& path, const ZvAString& baseName, const char* suffix) {
-    const ZvAString target = BundleName(baseName, suffix);
-    ZvFileUtil::DelFile(target.c_str());
-    if (ZvFile::Rename(path.c_str(), target.c_str()))
-        path = target;
+    TakeName(path, BundleName(baseName, suffix));
     chmod(path.c_str(), 0666 & ~CreationMask());
 }
 
@@ -80,10 +119,13 @@ void NameCrashFile(ZvAString& path, const ZvAString& baseName, const char* suffi
 // (no core dump this time) must not pass for part of it.
 void RemoveEarlierBundle(const ZvAString& baseName) {
     for (const char* suffix :
-         {kCrashLogSuffix, kDumpSuffix, kRawDumpSuffix, kCrashInfoSuffix, kZipSuffix})
-        ZvFileUtil::DelFile(BundleName(baseName, suffix).c_str());
+         {kCrashLogSuffix, kDumpSuffix, kRawDumpSuffix, kCrashInfoSuffix, kZipSuffix}) {
+        const ZvAString name = BundleName(baseName, suffix);
+        if (!ZvFile::IsLockedByAnother(name.c_str()))
+            ZvFileUtil::DelFile(name.c_str());
+    }
     const ZvAString leftovers = BundleName(baseName, kLeftoverSuffix);
-    if (ZvFileUtil::IsDir(leftovers.c_str()))
+    if (ZvFileUtil::IsDir(leftovers.c_str()) && !ZvFile::IsLockedByAnother(leftovers.c_str()))
         ZvFileUtil::DeleteDir(leftovers.c_str(), true);
 }
 
@@ -104,6 +146,10 @@ void FinishWorkDir(const ZvAString& keepAs) {
         return;
     if (IsEmptyDir(g_workDir.c_str())) {
         ZvFileUtil::DeleteDir(g_workDir.c_str(), false);
+    } else if (ZvFile::IsLockedByAnother(keepAs.c_str())) {
+        fprintf(stderr,
+                "TARGET-CRASH: '%s' is in use by another program; crash files kept in '%s'.\n",
+                keepAs.c_str(), g_workDir.c_str());
     } else if (rename(g_workDir.c_str(), keepAs.c_str()) != 0) {
         ZvLog::Error("Failed to rename '%s' to '%s' (%s).", g_workDir.c_str(), keepAs.c_str(),
                      strerror(errno));
@@ -118,10 +164,17 @@ void FinishWorkDir(const ZvAString& keepAs) {
 
 void ZluAtCrash::OnStatus(const char* text) {
     fprintf(stderr, "PORT-FAIL: %-60s\n", text);
+    if (m_daemon)
+        ZlbsDaemonJournal(ZlbsApp(), text);
 }
 
 bool ZluAtCrash::StopCheck() {
     return m_exiting != nullptr && *m_exiting;
+}
+
+void ZluAtCrash::OnDumpSize(unsigned long long size) {
+    if (m_daemon)
+        ZlbsDaemonMakeRoomForCrash(ZlbsApp(), size);
 }
 
 bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir) {
@@ -133,6 +186,19 @@ bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir) {
     g_workDir = pattern;
     workDir = pattern;
     return true;
+}
+
+void ZlbsCrashRemoveStaleWorkDirs(const char* dir, ZvAStringList& removed) {
+    ZvFileFind find;
+    ZvFindFileData entry;
+    for (bool more = find.FindFirst(dir, ".zavra-crash-*", entry); more;
+         more = find.FindNext(entry)) {
+        ZvAString path(dir);
+        ZvFileUtil::AppendToPath(path, entry.name.c_str());
+        if (entry.type == ZvFindFileData::TypeDirectory &&
+            ZvFileUtil::DeleteDir(path.c_str(), true))
+            removed.Add(path);
+    }
 }
 
 bool ZlbsCrashCheckRunning() {
@@ -184,7 +250,8 @@ void Zlbs::CheckForTargetCrash() {
     // The statistics line rewrites itself in place: end it, so the check's lines stand alone.
     if (statsOn)
         fputc('\n', stderr);
-    ZluAtCrash crash(&exiting);
+    ZluAtCrash crash(&exiting, args.daemonMode);
+    crash.diskLimit = RoomForCrashData(crashDir);
     ZvAtCrash::Response response;
     crash.CheckForCrash(&atInterface, response);
     if (!crash.errorText.empty() && !exiting) {
@@ -200,6 +267,19 @@ void Zlbs::CheckForTargetCrash() {
     ZvFileUtil::SetWritableDir(savedTempDir.c_str());
     if (!exiting)
         FinishWorkDir(BundleName(baseName, kLeftoverSuffix));
+    ReleaseHeldFiles();
+    if (args.daemonMode && !exiting)
+        ZlbsDaemonAddCrashBundle(*this, baseName);
+}
+
+unsigned long long Zlbs::RoomForCrashData(const ZvAString& crashDir) {
+    unsigned long long room = ULLONG_MAX;
+    if (args.daemonMode)
+        room = ZlbsDaemonCrashRoom(*this);
+    else if (!ZvFileUtil::GetFreeSpace(crashDir.c_str(), room))
+        room = ULLONG_MAX;
+    // The retrieval's limit: 0 stands for none, so no room at all is one byte.
+    return room == ULLONG_MAX ? 0 : std::max(room, 1ULL);
 }
 
 void Zlbs::ProcessTargetCrashResponse(ZvAtCrash::Response& response, const ZvAString& baseName) {
@@ -231,8 +311,6 @@ void Zlbs::ProcessTargetCrashResponse(ZvAtCrash::Response& response, const ZvASt
         fprintf(stderr, "TARGET-CRASH: %s\n", error.c_str());
         return;
     }
-    const ZvAString bundleZip = BundleName(baseName, kZipSuffix);
-    if (ZvFile::Rename(zipPath.c_str(), bundleZip.c_str()))
-        zipPath = bundleZip;
+    TakeName(zipPath, BundleName(baseName, kZipSuffix));
     fprintf(stderr, "TARGET-CRASH: Crash ZIP saved to '%s'\n", zipPath.c_str());
 }

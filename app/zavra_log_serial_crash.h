@@ -8,14 +8,18 @@
 
 // The tool's observer of a crash check: progress goes to standard error for the person at the
 // bench, and the end of the run (a signal) stops the wait for the modem to come back.
+// In daemon mode its lines also go to the journal, and the store makes room for a core dump.
 class ZluAtCrash : public ZvAtCrash {
 public:
-    explicit ZluAtCrash(const std::atomic<bool>* exiting) : m_exiting(exiting) {}
+    explicit ZluAtCrash(const std::atomic<bool>* exiting, bool daemon = false)
+        : m_exiting(exiting), m_daemon(daemon) {}
     void OnStatus(const char* text) override;
     bool StopCheck() override;
+    void OnDumpSize(unsigned long long size) override;
 
 private:
     const std::atomic<bool>* m_exiting;
+    bool m_daemon;
 };
 
 // The private folder of one crash check, beside the crash files: it holds the retrieval's
@@ -26,3 +30,6 @@ private:
 bool ZlbsCrashCheckRunning();
 bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir);
 void ZlbsCrashWorkDirRemove();
+// Removes the check folders that a run ended by force left in `dir` (only for a directory that
+// is this process's alone); the paths removed are added to `removed`.
+void ZlbsCrashRemoveStaleWorkDirs(const char* dir, ZvAStringList& removed);

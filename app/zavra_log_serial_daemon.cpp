@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "zavra_log_serial_app.h"
+#include "zavra_log_serial_crash.h"
 #include "zavra_log_zom_daemon.h"
 #include "zv-time.h"
 
@@ -86,11 +87,19 @@ void ZlbsDaemonStart(Zlbs& app) {
     store.SetKeepFirstSegment(app.args.keepFirstSegment);
     static ZlbsRxDaemon* rxDaemon = new ZlbsRxDaemon(app.endOfRun, store);
     app.serial.SetRxHandler(rxDaemon);
-    if (app.args.socketServer)
+    if (app.args.socketServer) {
         store.SetSocketPort(static_cast<int>(app.args.socketPort));
+        store.SetSocketHost(app.args.socketAddress);
+    }
     if (!store.Initialise(app.args.daemonDirectory, app.args.daemonTotalSize,
                           app.args.daemonFileSize, app.version))
         error(ZLBS_ERROR_FILE, errno, "Failed to initialise daemon mode.");
+    // A run that was killed in the middle of a crash check left its check folder; the directory
+    // is this daemon's alone now.
+    ZvAStringList stale;
+    ZlbsCrashRemoveStaleWorkDirs(app.args.daemonDirectory.c_str(), stale);
+    for (unsigned i = 0; i < stale.Count(); ++i)
+        store.LogText("Removed the folder '%s' of an unfinished crash check.", stale[i].c_str());
 }
 
 void ZlbsDaemonPortFailed(Zlbs&) {
@@ -99,6 +108,22 @@ void ZlbsDaemonPortFailed(Zlbs&) {
 
 void ZlbsDaemonCrashFileName(Zlbs&, ZvAString& name) {
     Store().GetCrashFileName(name);
+}
+
+unsigned long long ZlbsDaemonCrashRoom(Zlbs&) {
+    return Store().RoomForCrash();
+}
+
+void ZlbsDaemonMakeRoomForCrash(Zlbs&, unsigned long long bytes) {
+    Store().MakeRoomForCrash(bytes);
+}
+
+void ZlbsDaemonAddCrashBundle(Zlbs&, const ZvAString& baseName) {
+    Store().AddCrashBundle(baseName);
+}
+
+void ZlbsDaemonJournal(Zlbs&, const char* text) {
+    Store().LogText("Crash check: %s", text);
 }
 
 void ZlbsDaemonExit(Zlbs&) {

@@ -17,6 +17,13 @@ void ZlbsDaemonPortFailed(Zlbs& app);
 void ZlbsDaemonExit(Zlbs& app);
 // The base name for files about a target crash: the current log of the store.
 void ZlbsDaemonCrashFileName(Zlbs& app, ZvAString& name);
+// Crash bundles count in the store's budget: the room the store can make for the next one, making
+// room for a core dump of `bytes`, and counting the bundle named after `baseName` once it is made.
+unsigned long long ZlbsDaemonCrashRoom(Zlbs& app);
+void ZlbsDaemonMakeRoomForCrash(Zlbs& app, unsigned long long bytes);
+void ZlbsDaemonAddCrashBundle(Zlbs& app, const ZvAString& baseName);
+// A line of the crash check in the store's journal.
+void ZlbsDaemonJournal(Zlbs& app, const char* text);
 // One line in the daemon's journal, for what the tool's port hooks find out (a new node, a late
 // modem, no AT port).
 void ZlbsDaemonJournal(Zlbs& app, const ZvAString& text);

@@ -54,6 +54,8 @@ void usage() {
         "                    pass the client's data down to the target. Outside daemon mode\n"
         "                    the tool waits for the client first. The number must follow\n"
         "                    the letter without a blank.\n"
+        "  -p<addr>:<port>   The same on one address only, e.g. -p127.0.0.1:32768 (IPv6 in\n"
+        "                    brackets: -p[::1]:32768); without one, every address.\n"
         "                    One client at a time: in daemon mode a second client's connection\n"
         "                    is taken but gets nothing until the first has left, and a client\n"
         "                    that reconnects at once may wait about a second to get in.\n"

@@ -7,6 +7,7 @@
 
 #include "zavra_log_serial_app.h"
 #include "zavra_log_serial_socket.h"
+#include "zv-file.h"
 #include "zv-log.h"
 #include "zv-sema.h"
 
@@ -23,8 +24,12 @@ bool ZlbsRxNormal::OpenFile(const char* path) {
     CloseFile();
     // One write per chunk, as it arrives, straight to the descriptor: nothing waits in a buffer
     // if the process is killed, and no stream lock is taken per chunk.
-    m_fd = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    m_fd = ZvFile::OpenLockedForWriting(path);
     return m_fd >= 0;
+}
+
+bool ZlbsRxNormal::TruncateFile() {
+    return m_fd >= 0 && ZvFile::TruncateIfRegular(m_fd);
 }
 
 void ZlbsRxNormal::CloseFile() {

@@ -26,8 +26,12 @@ public:
         : ZlbsRxBase(endOfRun), m_socket(socket) {}
     ~ZlbsRxNormal() { CloseFile(); }
 
-    // The file is written unbuffered, so every byte handed over is in the file at once.
+    // Opens the output and locks it, without truncating it: false with errno set, EWOULDBLOCK
+    // when another process holds it. The file is written unbuffered, so every byte handed over is
+    // in the file at once.
     bool OpenFile(const char* path);
+    // Empties the output before the capture starts; false with errno set.
+    bool TruncateFile();
     void CloseFile();
     bool IsFileOpen() const { return m_fd >= 0; }
     // Short writes to the file (a full disk): the first is reported when it happens, the totals

@@ -47,6 +47,7 @@ public:
     void WriteUp(const unsigned char* data, unsigned length);
 
     bool IsOpen() const { return m_open; }
+    ZvAString PeerAddress() const { return m_socket.GetPeerAddress(); }
     const ZvAString& ErrorText() const { return m_errorText; }
     // Every byte of the stream either reached the client's socket or is counted here.
     uint64_t DroppedChunks() const { return m_upQueue.DroppedChunks(); }

@@ -5,11 +5,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include "zv-file-find.h"
 #include "zv-file.h"
-#include "zv-log.h"
 
 namespace {
 
@@ -156,6 +156,14 @@ int ZvFileUtil::GetFileType(const char* path) {
     return FileTypeOther;
 }
 
+bool ZvFileUtil::GetFreeSpace(const char* path, unsigned long long& bytes) {
+    struct statvfs info;
+    if (path == nullptr || statvfs(path, &info) != 0)
+        return false;
+    bytes = static_cast<unsigned long long>(info.f_bavail) * info.f_frsize;
+    return true;
+}
+
 bool ZvFileUtil::GetCwd(ZvAString& out) {
     char* cwd = getcwd(nullptr, 0);
     if (cwd == nullptr)
@@ -221,18 +229,18 @@ void ZvFileUtil::RelativeToAbsolutePath(const char* path, ZvAString& out, bool i
             if (!name.empty() || !ext.empty())
                 AppendToPath(out, (name + ext).c_str());
         } else if (dir[0] != '/') {
-            // A directory part must exist to be resolved through the file system.
+            // An existing path is resolved by the file system (symbolic links, ".."), through the
+            // directory part alone and without entering it: the current directory belongs to the
+            // whole process, and another thread may be opening a relative path at this moment.
             const ZvAString& probe = isDir ? given : full;
             ZvAString resolved;
-            if (ZvFile::Exists(probe.c_str()) && ChDir(dir.c_str())) {
-                if (GetCwd(resolved)) {
+            if (ZvFile::Exists(probe.c_str())) {
+                if (char* real = realpath(dir.c_str(), nullptr)) {
+                    resolved = real;
+                    free(real);
                     AppendToPath(resolved, (name + ext).c_str());
                     out = resolved;
                 }
-                if (!ChDir(cwd.c_str()))
-                    ZvLog::Error(
-                        "ZvFileUtil::RelativeToAbsolutePath() failed to change directory to '%s'.",
-                        cwd.c_str());
             }
             if (resolved.empty()) {
                 out = cwd;

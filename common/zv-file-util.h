@@ -57,6 +57,8 @@ public:
     // Adds '/' unless `s` is empty or already ends with one, then appends `part`.
     static void AppendToPath(ZvAString& s, const char* part);
     static int GetFileType(const char* path);
+    // The bytes an unprivileged writer may still put on the file system that holds `path`.
+    static bool GetFreeSpace(const char* path, unsigned long long& bytes);
 
     static bool GetCwd(ZvAString& out);
     static bool ChDir(const char* path);
@@ -69,7 +71,7 @@ public:
     static const ZvAString& GetExePath();
 
     // The absolute form of `path`, resolved against the current directory. With `isDir` the whole
-    // path is a directory. Changes the current directory for a moment: not thread-safe.
+    // path is a directory. Never changes the current directory, so any thread may call it.
     static void RelativeToAbsolutePath(const char* path, ZvAString& out, bool isDir);
 
     // The writable directory for temporary files: absolute, ending in '/'.

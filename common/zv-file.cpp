@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -207,6 +208,34 @@ int ZvFile::OpenFd(const char* path, int flags, int mode) {
     if (path == nullptr)
         return -1;
     return open(path, flags, mode);
+}
+
+int ZvFile::OpenLockedForWriting(const char* path, int mode) {
+    const int fd = OpenFd(path, O_WRONLY | O_CREAT | O_CLOEXEC, mode);
+    if (fd < 0)
+        return -1;
+    if (flock(fd, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        close(fd);
+        errno = EWOULDBLOCK;
+        return -1;
+    }
+    return fd;
+}
+
+bool ZvFile::TruncateIfRegular(int fd) {
+    struct stat info;
+    if (fstat(fd, &info) != 0)
+        return false;
+    return !S_ISREG(info.st_mode) || ftruncate(fd, 0) == 0;
+}
+
+bool ZvFile::IsLockedByAnother(const char* path) {
+    const int fd = OpenFd(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    if (fd < 0)
+        return false;
+    const bool held = flock(fd, LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+    close(fd);
+    return held;
 }
 
 size_t ZvFile::WriteAll(int fd, const void* data, size_t size, int& error) {

@@ -72,6 +72,17 @@ public:
 
     // Plain system open; the descriptor or -1.
     static int OpenFd(const char* path, int flags, int mode = 0644);
+    // Opens `path` for writing, created when missing but not truncated, and takes an exclusive
+    // lock on it at once, without waiting. The descriptor, or -1 with errno set: EWOULDBLOCK when
+    // another process holds the lock. A file system without locks does not stop the open. Only
+    // once this succeeded may the caller truncate the file (TruncateIfRegular): a file that
+    // another run is writing is never cut short.
+    static int OpenLockedForWriting(const char* path, int mode = 0666);
+    // Empties the file behind `fd` when it is a regular file (a tty or a pipe is left alone);
+    // false when that fails.
+    static bool TruncateIfRegular(int fd);
+    // True when another process holds a lock on the existing file `path`.
+    static bool IsLockedByAnother(const char* path);
     // Writes the whole buffer to a descriptor unless the system refuses (interrupted writes are
     // resumed); returns the bytes written, with the refusal's errno in `error` (0 when none).
     static size_t WriteAll(int fd, const void* data, size_t size, int& error);

@@ -36,6 +36,31 @@ int FinishInterruptedConnect(int fd) {
     return error == 0 ? 0 : -1;
 }
 
+// The dotted form of an IPv4 peer, byte by byte in network order; an IPv6 peer as text, or in the
+// dotted form when it is an IPv4 client of a dual-stack server.
+ZvAString PeerText(const sockaddr_storage& peer) {
+    const unsigned char* bytes = nullptr;
+    if (peer.ss_family == AF_INET) {
+        bytes = reinterpret_cast<const unsigned char*>(
+            &reinterpret_cast<const sockaddr_in&>(peer).sin_addr.s_addr);
+    } else if (peer.ss_family == AF_INET6) {
+        const in6_addr& v6 = reinterpret_cast<const sockaddr_in6&>(peer).sin6_addr;
+        if (!IN6_IS_ADDR_V4MAPPED(&v6)) {
+            char text[INET6_ADDRSTRLEN] = "";
+            inet_ntop(AF_INET6, &v6, text, sizeof(text));
+            return text;
+        }
+        bytes = v6.s6_addr + 12;
+    } else {
+        return ZvAString();
+    }
+    ZvAString text;
+    text.Printf("%lu.%lu.%lu.%lu", static_cast<unsigned long>(bytes[0]),
+                static_cast<unsigned long>(bytes[1]), static_cast<unsigned long>(bytes[2]),
+                static_cast<unsigned long>(bytes[3]));
+    return text;
+}
+
 } // namespace
 
 ZvSocket::ZvSocket() : m_fd(-1), m_dataReady(false) {}
@@ -71,15 +96,22 @@ void ZvSocket::SetPeerAddress(const char* text) {
 }
 
 bool ZvSocket::OpenSocketServer(int port, int& server, int rcvBuf, int sndBuf) {
-    server = socket(AF_INET, SOCK_STREAM, 0);
+    return OpenSocketServer(ZvListenAddress(port), server, rcvBuf, sndBuf);
+}
+
+bool ZvSocket::OpenSocketServer(const ZvListenAddress& where, int& server, int rcvBuf, int sndBuf) {
+    sockaddr_storage address;
+    const socklen_t length = where.ToSockaddr(address);
+    if (length == 0) {
+        server = -1;
+        errno = EINVAL;
+        return false;
+    }
+    server = socket(address.ss_family, SOCK_STREAM, 0);
     if (server < 0)
         return false;
     SetBufferSizes(server, rcvBuf, sndBuf);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return bind(server, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+    return bind(server, reinterpret_cast<sockaddr*>(&address), length) == 0;
 }
 
 void ZvSocket::CloseSocketServer(int& server) {
@@ -92,11 +124,12 @@ void ZvSocket::CloseSocketServer(int& server) {
 }
 
 int ZvSocket::GetLocalPort(int fd) {
-    sockaddr_in address{};
+    sockaddr_storage address{};
     socklen_t length = sizeof(address);
     if (getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
         return -1;
-    return ntohs(address.sin_port);
+    // The port sits at the same place in both families' addresses.
+    return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
 }
 
 bool ZvSocket::OpenServer(int server, int rcvBuf, int sndBuf) {
@@ -104,7 +137,7 @@ bool ZvSocket::OpenServer(int server, int rcvBuf, int sndBuf) {
     m_lastMessage.clear();
     if (server < 0 || listen(server, 0) != 0)
         return false;
-    sockaddr_in peer{};
+    sockaddr_storage peer{};
     socklen_t length = sizeof(peer);
     int fd;
     do {
@@ -113,12 +146,7 @@ bool ZvSocket::OpenServer(int server, int rcvBuf, int sndBuf) {
     if (fd < 0)
         return false;
     SetBufferSizes(fd, rcvBuf, sndBuf);
-    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(&peer.sin_addr.s_addr);
-    ZvAString text;
-    text.Printf("%lu.%lu.%lu.%lu", static_cast<unsigned long>(bytes[0]),
-                static_cast<unsigned long>(bytes[1]), static_cast<unsigned long>(bytes[2]),
-                static_cast<unsigned long>(bytes[3]));
-    SetPeerAddress(text.c_str());
+    SetPeerAddress(PeerText(peer).c_str());
     m_fd = fd;
     return true;
 }

@@ -1,6 +1,7 @@
-// ZvSocket: one IPv4 TCP connection, accepted from a listening socket or connected to a server,
-// with readiness waits that keep their failure text in the object. The listening socket itself
-// is a plain descriptor owned by the caller, handled by OpenSocketServer and CloseSocketServer.
+// ZvSocket: one TCP connection (IPv4, or IPv6 on a server given an IPv6 address), accepted from a
+// listening socket or connected to a server, with readiness waits that keep their failure text in
+// the object. The listening socket itself is a plain descriptor owned by the caller, handled by
+// OpenSocketServer and CloseSocketServer.
 //
 // Threads: an object is used by one thread at a time, with these exceptions:
 // - SplitWait's abort flag is set from another thread; it is read before every slice.
@@ -14,6 +15,7 @@
 #include <atomic>
 #include <mutex>
 
+#include "zv-listen-address.h"
 #include "zv-string-ascii.h"
 
 class ZvSocket {
@@ -36,11 +38,15 @@ public:
     // free port, see GetLocalPort). Buffer sizes are applied when non-zero. On a bind failure the
     // descriptor stays open in server; close it with CloseSocketServer.
     static bool OpenSocketServer(int port, int& server, int rcvBuf = 0, int sndBuf = 0);
+    // The same on the address and port of `where` (every IPv4 address when it has no host).
+    static bool OpenSocketServer(const ZvListenAddress& where, int& server, int rcvBuf = 0,
+                                 int sndBuf = 0);
     static void CloseSocketServer(int& server);
     // The local port a socket is bound to, -1 on failure.
     static int GetLocalPort(int fd);
 
-    // Listens on server (backlog 0) and blocks until one client connects.
+    // Listens on server (backlog 0) and blocks until one client connects. The peer address is the
+    // client's IPv4 address in dotted form, or its IPv6 address as text.
     bool OpenServer(int server, int rcvBuf = 0, int sndBuf = 0);
     // Connects to address (IPv4, network order) and port (host order).
     bool OpenClient(int port, unsigned long address, int rcvBuf = 0, int sndBuf = 0);

@@ -35,7 +35,7 @@ void ZvAtCoreDumpReader::OnChunk(const unsigned char* chunk, unsigned length, Zv
         Search(chunk, length, status);
         break;
     case State::Copying:
-        Copy(chunk, length);
+        Copy(chunk, length, status);
         break;
     case State::Draining:
     case State::Ended:
@@ -94,23 +94,56 @@ void ZvAtCoreDumpReader::StartCopying(const unsigned char* chunk, unsigned lengt
     m_state = State::Copying;
     if (dataStart < 0) {
         status = "Failed to find byte size, dumping all received data.";
-        m_file.Write(chunk, length);
         m_remaining = kUnlimited;
+        Write(chunk, length, status);
+        return;
+    }
+    m_announced = static_cast<unsigned>(size);
+    if (m_limit != 0 && m_announced > m_limit) {
+        // Announced larger than the room for it: not a byte of it is written.
+        status.Printf("Core dump of %u bytes does not fit in the room for crash data (%llu "
+                      "bytes); it is not saved.",
+                      m_announced, m_limit);
+        m_outcome = Outcome::TooLarge;
+        m_state = State::Draining;
         return;
     }
     status.Printf("Reading core dump of %d bytes.", size);
+    if (m_onSize)
+        m_onSize(m_announced);
     const unsigned written = length - static_cast<unsigned>(dataStart);
-    m_file.Write(chunk + dataStart, written);
-    m_remaining = static_cast<unsigned>(size) - written;
+    m_remaining = m_announced - written;
+    m_wrapped = written > m_announced;
     m_raw = false;
-    if (m_remaining == 0)
+    Write(chunk + dataStart, written, status);
+    if (m_remaining == 0 && m_state == State::Copying)
         m_state = State::Draining;
 }
 
-void ZvAtCoreDumpReader::Copy(const unsigned char* chunk, unsigned length) {
+void ZvAtCoreDumpReader::Copy(const unsigned char* chunk, unsigned length, ZvAString& status) {
     const unsigned count = length < m_remaining ? length : m_remaining;
-    m_file.Write(chunk, count);
     m_remaining -= count;
-    if (m_remaining == 0)
+    Write(chunk, count, status);
+    if (m_remaining == 0 && m_state == State::Copying)
         m_state = State::Draining;
+}
+
+void ZvAtCoreDumpReader::Write(const unsigned char* data, unsigned length, ZvAString& status) {
+    if (m_limit != 0 && m_written + length > m_limit) {
+        // A dump without a size, or one that brings more than it announced, grew past the room.
+        if (!status.empty())
+            status += "\n";
+        status.AddPrintf("The core dump grew past the room for crash data (%llu bytes); it is not "
+                         "saved.",
+                         m_limit);
+        m_outcome = Outcome::TooLarge;
+        m_state = State::Draining;
+        return;
+    }
+    m_file.Write(data, length);
+    m_written += length;
+}
+
+bool ZvAtCoreDumpReader::IsIncomplete() const {
+    return m_state == State::Copying && !m_raw && !m_wrapped && m_remaining != 0;
 }

@@ -1,5 +1,7 @@
 #include "zv-at-port-util.h"
 
+#include <algorithm>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <vector>
@@ -60,11 +62,13 @@ ZvInterfaceInfo* ChooseAtInterface(const ZvDeviceInfo& device) {
 }
 
 // Reads chunks into the file until the target falls silent or a read fails (readFailed); the
-// bytes written either way.
+// bytes written either way. Past `limit` bytes nothing more is written (tooLarge), but the rest
+// is still read, so that the next command finds the port quiet.
 long long CopyUntilSilent(ZvAtPort& port, ZvFile& file, std::vector<unsigned char>& buffer,
-                          bool& readFailed) {
+                          unsigned long long limit, bool& readFailed, bool& tooLarge) {
     long long written = 0;
     readFailed = false;
+    tooLarge = false;
     for (;;) {
         unsigned received = 0;
         if (!port.OnPortRead(buffer.data(), kBulkChunkSize, received)) {
@@ -73,7 +77,21 @@ long long CopyUntilSilent(ZvAtPort& port, ZvFile& file, std::vector<unsigned cha
         }
         if (received == 0)
             return written;
-        written += static_cast<long long>(file.Write(buffer.data(), received));
+        tooLarge = tooLarge || static_cast<unsigned long long>(written) + received > limit;
+        if (!tooLarge)
+            written += static_cast<long long>(file.Write(buffer.data(), received));
+    }
+}
+
+// Reports each line of a reader's status text on its own.
+void ReportLines(ZvAtCrash& crash, const ZvAString& status) {
+    size_t start = 0;
+    while (start < status.size()) {
+        size_t end = status.find('\n', start);
+        if (end == ZvAString::npos)
+            end = status.size();
+        crash.OnStatus(status.substr(start, end - start).c_str());
+        start = end + 1;
     }
 }
 
@@ -83,6 +101,14 @@ void ZvAtCrash::OnStatus(const char*) {}
 
 bool ZvAtCrash::StopCheck() {
     return false;
+}
+
+void ZvAtCrash::OnDumpSize(unsigned long long) {}
+
+unsigned long long ZvAtCrash::DiskLeft() const {
+    if (diskLimit == 0)
+        return ULLONG_MAX;
+    return diskLimit > m_diskUsed ? diskLimit - m_diskUsed : 0;
 }
 
 bool ZvAtIsModemInLoaderMode(const char* portName) {
@@ -221,6 +247,7 @@ bool ZvAtCrash::RetrieveCrash(ZvAtPort& port, Response& response) {
     ZvFileUtil::GetTempFileName("crh", response.crashInfoFile);
     ZvFileUtil::GetTempFileName("clf", response.crashLogFile);
     response.coreDumpRaw = true;
+    m_diskUsed = 0;
 
     ZvAStringList infoCommands;
     infoCommands.Add("at%debug=0,0\r");
@@ -288,7 +315,9 @@ void ZvAtCrash::ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& 
         return;
     }
     setvbuf(file.GetHandle(), fileBuffer.data(), _IOFBF, fileBuffer.size());
-    ZvAtCoreDumpReader reader(file);
+    // With no room left at all the dump is refused like one that does not fit.
+    const unsigned long long room = diskLimit == 0 ? 0 : std::max(DiskLeft(), 1ULL);
+    ZvAtCoreDumpReader reader(file, room, [this](unsigned long long size) { OnDumpSize(size); });
     ZvAString status;
     while (reader.GetState() != ZvAtCoreDumpReader::State::Ended) {
         unsigned received = 0;
@@ -306,8 +335,7 @@ void ZvAtCrash::ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& 
             break;
         }
         reader.OnChunk(buffer.data(), received, status);
-        if (!status.empty())
-            OnStatus(status.c_str());
+        ReportLines(*this, status);
     }
     switch (reader.GetOutcome()) {
     case ZvAtCoreDumpReader::Outcome::DumpError:
@@ -319,16 +347,35 @@ void ZvAtCrash::ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& 
     case ZvAtCoreDumpReader::Outcome::NoNewDumpAvailable:
         reset = true;
         break;
+    case ZvAtCoreDumpReader::Outcome::TooLarge:
     case ZvAtCoreDumpReader::Outcome::None:
         break;
     }
     if (!reader.IsRaw())
         response.coreDumpRaw = false;
+    const bool written = file.Flush() && !file.IsError();
     file.Close();
+    // A dump cut short, by the target or by the room for it, is no dump: nothing half-written is
+    // left for the bundle.
+    bool drop = reader.GetOutcome() == ZvAtCoreDumpReader::Outcome::TooLarge;
+    if (!drop && reader.IsIncomplete()) {
+        status.Printf("The core dump stopped after %llu of %u bytes; it is not saved.",
+                      reader.Written(), reader.Announced());
+        OnStatus(status.c_str());
+        drop = true;
+    }
+    if (!drop && !written) {
+        errorText.Printf("Failed to write '%s'", response.coreDumpFile.c_str());
+        drop = true;
+    }
+    if (drop)
+        ZvFileUtil::DelFile(response.coreDumpFile.c_str());
+    else
+        m_diskUsed += reader.Written();
 }
 
 long long ZvAtCrash::SaveReply(ZvAtPort& port, const char* command, const ZvAString& path,
-                               std::vector<unsigned char>& buffer) {
+                               std::vector<unsigned char>& buffer, const char* what) {
     if (!port.SendAtCommand(command)) {
         errorText = port.errorText;
         return -1;
@@ -338,21 +385,33 @@ long long ZvAtCrash::SaveReply(ZvAtPort& port, const char* command, const ZvAStr
         errorText.Printf("Failed to open '%s'", path.c_str());
         return -1;
     }
-    bool readFailed = false;
-    const long long written = CopyUntilSilent(port, file, buffer, readFailed);
+    bool readFailed = false, tooLarge = false;
+    const long long written = CopyUntilSilent(port, file, buffer, DiskLeft(), readFailed, tooLarge);
     if (readFailed)
         errorText = "Failed to read from AT port.";
+    const bool complete = file.Flush() && !file.IsError();
     file.Close();
-    if (written <= kMinUsefulSize)
+    if (tooLarge) {
+        ZvAString status;
+        status.Printf("The %s grew past the room for crash data (%llu bytes); it is not saved.",
+                      what, diskLimit);
+        OnStatus(status.c_str());
+    } else if (!complete) {
+        errorText.Printf("Failed to write '%s'", path.c_str());
+    }
+    if (tooLarge || !complete || written <= kMinUsefulSize) {
         ZvFileUtil::DelFile(path.c_str());
+        return tooLarge || !complete ? 0 : written;
+    }
+    m_diskUsed += static_cast<unsigned long long>(written);
     return written;
 }
 
 void ZvAtCrash::ReadCrashInfo(ZvAtPort& port, Response& response, const ZvAStringList& infoCommands,
                               std::vector<unsigned char>& buffer) {
     for (unsigned i = 0; i < infoCommands.Count(); ++i) {
-        if (SaveReply(port, infoCommands[i].c_str(), response.crashInfoFile, buffer) >
-            kMinUsefulSize) {
+        if (SaveReply(port, infoCommands[i].c_str(), response.crashInfoFile, buffer,
+                      "crash information") > kMinUsefulSize) {
             OnStatus("Retrieved crash dump information.");
             return;
         }
@@ -361,7 +420,7 @@ void ZvAtCrash::ReadCrashInfo(ZvAtPort& port, Response& response, const ZvAStrin
 
 void ZvAtCrash::ReadCrashLog(ZvAtPort& port, Response& response,
                              std::vector<unsigned char>& buffer) {
-    SaveReply(port, "at%debug\r", response.crashLogFile, buffer);
+    SaveReply(port, "at%debug\r", response.crashLogFile, buffer, "crash log");
 }
 
 void ZvAtCrash::ReportPortFailure(ZvAtPort& port, const char* text) {

@@ -31,6 +31,9 @@ public:
     virtual void OnStatus(const char* text);
     // Polled once per wait attempt; true cancels the wait.
     virtual bool StopCheck();
+    // A core dump of `size` bytes that fits in diskLimit is about to be written: the owner may
+    // make room for it. Does nothing here.
+    virtual void OnDumpSize(unsigned long long size);
 
     bool CheckForCrash(const ZvInterfaceInfo* atInterface, Response& response);
     bool CheckForCrashSocket(int port, const char* address, Response& response);
@@ -39,6 +42,11 @@ public:
 
     ZvAString errorText;
     bool retrieveHistory = false;
+    // The most bytes a retrieval may write to disk, its three files together; 0 for no limit.
+    // Whatever comes from the target is input from outside: a core dump announced larger than
+    // what is left of it is not written, and a dump or reply that grows past it is cut off; such
+    // a file is dropped whole, as is a core dump that stops before its announced size.
+    unsigned long long diskLimit = 0;
 
 private:
     // The start of both waits: clears the last result; false (and no report) when a stop was
@@ -54,13 +62,19 @@ private:
                        std::vector<unsigned char>& buffer);
     void ReadCrashLog(ZvAtPort& port, Response& response, std::vector<unsigned char>& buffer);
     // Sends `command` and copies its reply into `path` until the port falls silent, deleting a
-    // reply too short to be of use. The bytes written, or -1 when nothing was asked or opened.
+    // reply too short to be of use, or too large (`what` names it then). The bytes written, or -1
+    // when nothing was asked or opened.
     long long SaveReply(ZvAtPort& port, const char* command, const ZvAString& path,
-                        std::vector<unsigned char>& buffer);
+                        std::vector<unsigned char>& buffer, const char* what);
+    // What is left of diskLimit (all ones when there is none).
+    unsigned long long DiskLeft() const;
     // Reports a failed step and, when the port has no message of its own, that empty message.
     void ReportPortFailure(ZvAtPort& port, const char* text);
     // Deletes an empty file and forgets a missing or empty one; a kept one may mark the crash.
     static void KeepIfNotEmpty(ZvAString& path, bool* crashFound);
+
+    // The bytes written by the retrieval in progress.
+    unsigned long long m_diskUsed = 0;
 };
 
 bool ZvAtIsModemInLoaderMode(const char* portName);

@@ -5,6 +5,7 @@
 
 #include "zv-file-util.h"
 #include "zv-file.h"
+#include "zv-zip.h"
 
 void ZvCrashSetError(ZvAString* error, const char* format, ...) {
     if (error == nullptr)
@@ -16,7 +17,7 @@ void ZvCrashSetError(ZvAString* error, const char* format, ...) {
 }
 
 bool ZvCrashIsPlainFileName(const ZvAString& name) {
-    return !name.empty() && name != "." && name != ".." &&
+    return ZvZipIsSafeEntryName(name) && name != "." &&
            name.find_first_of("/\\") == ZvAString::npos;
 }
 

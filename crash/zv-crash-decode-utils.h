@@ -9,9 +9,10 @@
 void ZvCrashSetError(ZvAString* error, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
-// True when `name` is safe as a file name directly inside the output directory: not empty, not
-// "." or "..", and without "/" or "\". The target names its sections itself, and a crashed
-// target's text cannot be trusted to do that well.
+// True when `name` is safe as a file name directly inside the output directory and as a name in
+// the crash zip: not empty, not ".", no "..", no "/" or "\", no control character, at most 255
+// bytes. The target names its sections itself, and a crashed target's text cannot be trusted to
+// do that well.
 bool ZvCrashIsPlainFileName(const ZvAString& name);
 
 // True when the file name of `path` begins with "crash_dump" and its extension is ".zip". When

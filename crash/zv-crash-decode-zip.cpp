@@ -6,6 +6,7 @@
 #include "zv-crash-decode.h"
 #include "zv-file-util.h"
 #include "zv-file.h"
+#include "zv-zip-read.h"
 #include "zv-zip.h"
 
 namespace {
@@ -25,6 +26,23 @@ bool Contains(const ZvAStringList& files, const ZvAString& path) {
         if (files[i] == path)
             return true;
     return false;
+}
+
+// Starts the crash zip at `building` from the target's zip at `zipPath`. The target's zip is input
+// from outside and is never added to as it is: its entries are read through, each whole with its
+// checksum, and copied into the new zip, under safe names (none that reaches out of the folder it
+// is unpacked in). One that cannot be read through goes in whole, as one entry (`damaged`).
+bool StartFromTargetZip(const ZvAString& zipPath, const ZvAString& building, ZvZip& zip,
+                        bool& damaged) {
+    if (!zip.Open(building.c_str(), false))
+        return false;
+    damaged =
+        !ZvZipReadEntries(zipPath.c_str(), [](const ZvAString&, const ZvAString&) { return true; });
+    if (damaged)
+        return zip.Add(zipPath.c_str(), ZvCrashNameInZip(zipPath).c_str());
+    return ZvZipReadEntries(zipPath.c_str(), [&](const ZvAString& name, const ZvAString& data) {
+        return zip.AddData(name.c_str(), data.data(), data.size());
+    });
 }
 
 // The zip's path with the leading "crash" of its file name turned into "core".
@@ -124,8 +142,15 @@ bool ZvCrashZip(const ZvAStringList& decodedFiles, ZvAStringList* extraFiles, Zv
         return false;
     }
 
+    // The crash zip is made beside the target's and takes its place only once complete: a failure
+    // half-way leaves nothing half-written.
+    ZvAString dir, building;
+    ZvFileUtil::GetFullDir(zipPath.c_str(), dir);
     ZvZip zip;
-    if (!zip.Open(zipPath.c_str(), true)) {
+    bool damaged = false;
+    if (!ZvFileUtil::GetTempFileName(dir.empty() ? "." : dir.c_str(), "zip", ".part", building) ||
+        !StartFromTargetZip(zipPath, building, zip, damaged)) {
+        ZvFileUtil::DelFile(building.c_str());
         ZvCrashSetError(error,
                         "Failed to open the crash dump zip file '%s'. Check for corrupt crash "
                         "information.",
@@ -144,10 +169,16 @@ bool ZvCrashZip(const ZvAStringList& decodedFiles, ZvAStringList* extraFiles, Zv
             ZvCrashSetError(error, "Failed to add the '%s' file to the crash dump zip file.",
                             path.c_str());
     }
-    if (!zip.Close()) {
+    if (!zip.Close() || !ZvFile::Rename(building.c_str(), zipPath.c_str())) {
+        ZvFileUtil::DelFile(building.c_str());
         ZvCrashSetError(error, "Failed to close the crash dump zip file '%s'.", zipPath.c_str());
         return false;
     }
+    if (damaged)
+        ZvCrashSetError(error,
+                        "The crash dump zip file '%s' in the crash information is damaged; it is "
+                        "kept whole inside the crash zip.",
+                        zipPath.c_str());
     // Only a complete zip may take the place of the files it holds.
     if (move)
         for (unsigned i = 0; i < added.Count(); ++i)

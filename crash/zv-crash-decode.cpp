@@ -22,6 +22,19 @@ bool IsBoundary(const ZvAString& line) {
     return line.StartsWith(kBoundary);
 }
 
+// A name from the target as it may be printed: its control characters written as "\xNN", so
+// that a hostile name cannot steer the terminal that shows the message.
+ZvAString Shown(const ZvAString& name) {
+    ZvAString shown;
+    for (char c : name) {
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
+            shown.AddPrintf("\\x%02x", static_cast<unsigned char>(c));
+        else
+            shown += c;
+    }
+    return shown;
+}
+
 } // namespace
 
 bool ZvCrashDecode::Decode(const char* inputFile, const char* outputDir) {
@@ -125,7 +138,7 @@ bool ZvCrashDecode::WriteSection(const Section& section) {
     if (!ZvCrashIsPlainFileName(section.description)) {
         ZvLog::Warning("Crash section '%s' in '%s' is not a plain file name in the output "
                        "directory and was skipped.",
-                       section.description.c_str(), m_inputPath.c_str());
+                       Shown(section.description).c_str(), m_inputPath.c_str());
         return true;
     }
     if (IsKept(path)) {

@@ -1,8 +1,10 @@
 #include "zavra_log_tgt_db.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <unistd.h>
 
 #include "zv-file-util.h"
 #include "zv-file.h"
@@ -37,6 +39,7 @@ ZlTgtDb::ZlTgtDb() {
 }
 
 ZlTgtDb::~ZlTgtDb() {
+    CloseFile();
     Close();
     QoZolRecordTag::Destroy(&m_record);
 }
@@ -48,8 +51,18 @@ unsigned ZlTgtDb::Now() const {
 bool ZlTgtDb::Configure(const char* fileName, unsigned int baseId) {
     std::lock_guard<std::recursive_mutex> guard(m_lock);
     m_error.clear();
-    if (ZvFile::Exists(fileName) && !ZvFileUtil::DelFile(fileName)) {
-        m_error.Printf("Failed to delete existing '%s' file.", fileName);
+    // The file is taken at once and held until the extraction ends: a file that another run is
+    // writing is refused here, untouched, and an existing file of ours is emptied only once held.
+    CloseFile();
+    m_fd = ZvFile::OpenLockedForWriting(fileName);
+    if (m_fd < 0 || !ZvFile::TruncateIfRegular(m_fd)) {
+        const int reason = errno;
+        if (reason == EWOULDBLOCK)
+            m_error.Printf("The database file '%s' is in use by another program.", fileName);
+        else
+            m_error.Printf("Failed to open '%s' file for writing.", fileName);
+        CloseFile();
+        errno = reason; // the owner's exit status
         return false;
     }
     Close();
@@ -109,10 +122,10 @@ int ZlTgtDb::CheckProgress() {
 int ZlTgtDb::Fail() {
     m_state = StateFailed;
     Close();
-    if (!m_fileName.empty()) {
-        ZvFileUtil::DelFile(m_fileName.c_str());
-    }
     if (m_retryCount == 0) {
+        // Still ours for the retry, and empty again.
+        if (m_fd >= 0 && ZvFile::TruncateIfRegular(m_fd))
+            lseek(m_fd, 0, SEEK_SET);
         m_retryCount = 1;
         ZvLog::Status("Target database extraction failed, retrying.");
         m_error.clear();
@@ -120,6 +133,9 @@ int ZlTgtDb::Fail() {
         m_progressTime = Now();
         return ProgressRunning;
     }
+    if (!m_fileName.empty() && m_fd >= 0)
+        ZvFileUtil::DelFile(m_fileName.c_str());
+    CloseFile();
     return ProgressFailed;
 }
 
@@ -211,18 +227,25 @@ void ZlTgtDb::ProcessFileDataCnf(unsigned int bodySize, unsigned char* body) {
 // Writes the collected bytes in one go; a write or close failure counts as a failed write, so a
 // file cut short by a full disk is never reported as complete.
 bool ZlTgtDb::WriteFile() {
-    FILE* file = fopen(m_fileName.c_str(), "wb");
-    if (file == nullptr) {
+    if (m_fd < 0) {
         m_error.Printf("Failed to open '%s' file for writing.", m_fileName.c_str());
         return false;
     }
-    size_t written = fwrite(m_data, 1, m_receivedSize, file);
-    bool closed = fclose(file) == 0;
-    if (written != m_receivedSize || !closed) {
+    int reason = 0;
+    const size_t written = ZvFile::WriteAll(m_fd, m_data, m_receivedSize, reason);
+    // A device (a pipe, a tty) cannot be synced, and need not be.
+    if (written != m_receivedSize || (fsync(m_fd) != 0 && errno != EINVAL)) {
         m_error.Printf("Failed to write '%d' bytes to database file.", int(m_receivedSize));
         return false;
     }
+    CloseFile();
     return true;
+}
+
+void ZlTgtDb::CloseFile() {
+    if (m_fd >= 0)
+        close(m_fd);
+    m_fd = -1;
 }
 
 unsigned ZlTgtDb::EncodeRequest(unsigned id, unsigned char* buffer, unsigned size) const {

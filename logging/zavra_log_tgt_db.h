@@ -42,7 +42,8 @@ public:
     // Delivers one encoded request to the port.
     virtual void Send(unsigned int size, unsigned char* data) = 0;
 
-    // Removes an existing output file (false, with the error text set, when that fails), then
+    // Takes the output file (created, locked against other programs and emptied; false with the
+    // error text and errno set when that fails: EWOULDBLOCK when another program holds it), then
     // arms the extraction with the ids derived from the base id.
     bool Configure(const char* fileName, unsigned int baseId);
     // ProgressRunning while running, ProgressFailed when failed for good (GetError says why),
@@ -87,6 +88,7 @@ private:
     void ReleaseBuffer();
     void ResetReader();
     bool WriteFile();
+    void CloseFile();
 
     // The port's reader thread (OnNewData) and the owner's progress checks both change the
     // state and the data buffer; without the lock a restart could free the buffer under a copy.
@@ -95,6 +97,8 @@ private:
     bool m_active = false;
     int m_state = StateStart;
     ZvAString m_fileName;
+    // The output file, held locked from Configure until it is written or the extraction failed.
+    int m_fd = -1;
     unsigned m_dataReqId = 0;
     unsigned m_dataCnfId = 0;
     unsigned m_hashReqId = 0;

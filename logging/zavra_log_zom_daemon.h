@@ -39,13 +39,16 @@ public:
     // Set by the owner before Initialise: the TCP port to serve (-1 for none) and whether segment
     // 000 of each log is kept until last.
     void SetSocketPort(int port) { m_server.SetSocketPort(port); }
+    // The address the port is served on; empty (the default) for every address.
+    void SetSocketHost(const ZvAString& host) { m_server.SetSocketHost(host); }
     int GetSocketPort() const { return m_server.GetSocketPort(); }
     void SetKeepFirstSegment(bool keep) { m_store.SetKeepFirstSegment(keep); }
 
     // Takes the directory for this process alone (an advisory lock on "daemon.lock" in it), before
     // Initialise touches the journal; false with a sentence naming the directory and the reason.
     // A second daemon on the same directory would otherwise truncate the first one's journal and
-    // delete its files.
+    // delete its files. The lock, not the file, decides: the file of a killed daemon is taken
+    // over. Shutdown removes the file.
     bool LockDirectory(const ZvAString& directory, ZvAString& error);
 
     // Sizes in bytes, 0 meaning no limit / no splitting. Opens the journal, takes over the
@@ -59,6 +62,14 @@ public:
     bool DeleteOldestFile() { return m_store.DeleteOldestFile(); }
     // The directory joined with "daemon_" and the current log name, without extension.
     void GetCrashFileName(ZvAString& path) { m_store.GetCrashFileName(path); }
+    // Crash bundles count towards the total size. The most the next one may take, once the
+    // files that may go have gone (in the budget and on the disk); making room for `bytes` of it
+    // (the oldest files go first); and counting the bundle named after `basePath` (as given by
+    // GetCrashFileName) once it is made, which brings the store back within its budget. The
+    // newest bundle is never deleted while a file of its log is kept.
+    unsigned long long RoomForCrash() { return m_store.RoomForCrash(); }
+    void MakeRoomForCrash(unsigned long long bytes) { m_store.MakeRoomForCrash(bytes); }
+    void AddCrashBundle(const ZvAString& basePath) { m_store.AddCrashBundle(basePath); }
     // One time-stamped journal line (see ZlZomJournal); a fault's line is synced at once.
     void LogText(const char* format, ...) ZV_PRINTF(2, 3);
     void LogFault(const char* format, ...) ZV_PRINTF(2, 3);
@@ -84,6 +95,8 @@ public:
 private:
     // The destructor cannot reach the subclass's ClosePort any more.
     void ShutdownStore(bool closePort);
+    static void DescribeLockFailure(int fd, int reason, const ZvAString& directory,
+                                    const ZvAString& path, ZvAString& error);
 
     std::atomic<bool> m_portOpen{false};
     ZlZomJournal m_journal;
@@ -93,5 +106,6 @@ private:
     ZlZomConnect m_connect;
     // The directory's lock file.
     int m_lockFd = -1;
+    ZvAString m_lockPath;
     std::atomic<bool> m_shutDown{false};
 };

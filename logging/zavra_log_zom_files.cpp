@@ -1,39 +1,177 @@
 #include "zavra_log_zom_files.h"
 
 #include <algorithm>
+#include <climits>
+#include <cstring>
 
 #include "zv-file-find.h"
 #include "zv-file-util.h"
 #include "zv-file.h"
 
+namespace {
+
+const char kLogPrefix[] = "daemon_";
+// "daemon_" and a log's start time, "yy-mm-dd_hh-mm-ss".
+const size_t kLogNameLength = 7 + 17;
+const char* const kCrashSuffixes[] = {"-crash.zip",  "-crash.txt",  "-crashlog.txt",
+                                      "-extram.bin", "-extram.dmp", "-crash-files"};
+
+ZvAString FileName(const ZvAString& path) {
+    const char* name = ZvFileUtil::GetFullName(path.c_str());
+    return name != nullptr ? name : "";
+}
+
+// The log a file belongs to: "daemon_<time>" for the store's logs and the tool's crash bundles,
+// the whole name for a file named otherwise.
+ZvAString LogOf(const ZvAString& path) {
+    const ZvAString name = FileName(path);
+    for (const char* suffix : kCrashSuffixes)
+        if (name.EndsWith(suffix))
+            return name.substr(0, name.size() - strlen(suffix));
+    if (name.compare(0, strlen(kLogPrefix), kLogPrefix) == 0 && name.size() > kLogNameLength)
+        return name.substr(0, kLogNameLength);
+    return name;
+}
+
+// The order of the files found at start-up: by log (its name carries its start time, most
+// significant first), within a log its files before its crash bundle, then by name.
+bool OlderThan(const std::unique_ptr<ZlZomLogFile>& a, const std::unique_ptr<ZlZomLogFile>& b) {
+    const int byLog = LogOf(a->m_path).compare(LogOf(b->m_path));
+    if (byLog != 0)
+        return byLog < 0;
+    if (a->m_crash != b->m_crash)
+        return !a->m_crash;
+    return a->m_path.compare(b->m_path) < 0;
+}
+
+// The bytes of a file, or of every file in a folder; -1 when they cannot be read.
+long long BytesOf(const ZvAString& path) {
+    if (!ZvFileUtil::IsDir(path.c_str()))
+        return ZvFileUtil::GetFileSize(path.c_str());
+    ZvAStringList files;
+    ZvFileUtil::GetDirFiles(path.c_str(), files, "*", true);
+    long long total = 0;
+    for (unsigned i = 0; i < files.Count(); ++i)
+        total += std::max(0LL, ZvFileUtil::GetFileSize(files[i].c_str()));
+    return total;
+}
+
+} // namespace
+
+bool ZlZomFileList::IsCrashFileName(const ZvAString& name) {
+    if (name.compare(0, strlen(kLogPrefix), kLogPrefix) != 0)
+        return false;
+    for (const char* suffix : kCrashSuffixes)
+        if (name.EndsWith(suffix))
+            return true;
+    return false;
+}
+
+void ZlZomFileList::Add(const ZvAString& path, unsigned long long size, bool crash,
+                        const char* how) {
+    m_files.push_back(std::make_unique<ZlZomLogFile>(path, size, crash));
+    m_size += size;
+    m_journal.Text("%s '%s' of %llu bytes.", how, path.c_str(), size);
+}
+
 void ZlZomFileList::Scan(const ZvAString& directory) {
     ZvFileFind find;
     ZvFindFileData found;
-    for (bool more = find.FindFirst(directory.c_str(), "*.zom", found); more;
+    for (bool more = find.FindFirst(directory.c_str(), "*", found); more;
          more = find.FindNext(found)) {
-        if (found.type != ZvFindFileData::TypeFile)
+        const bool log = found.type == ZvFindFileData::TypeFile && found.name.EndsWith(".zom");
+        const bool crash =
+            !log && IsCrashFileName(found.name) &&
+            (found.type == ZvFindFileData::TypeFile || found.type == ZvFindFileData::TypeDirectory);
+        if (!log && !crash)
             continue;
         ZvAString path = directory;
         ZvFileUtil::AppendToPath(path, found.name.c_str());
-        long long size = ZvFileUtil::GetFileSize(path.c_str());
+        long long size = BytesOf(path);
         if (size < 0) {
             m_journal.Text("Initialise: Failed to get existing file size '%s'.", path.c_str());
             continue;
         }
-        m_files.push_back(std::make_unique<ZlZomLogFile>(path, size));
-        m_size += static_cast<unsigned long long>(size);
-        m_journal.Text("Initialise: Adding existing file '%s' of %lld bytes.", path.c_str(), size);
+        Add(path, static_cast<unsigned long long>(size), crash,
+            crash ? "Initialise: Adding existing crash file" : "Initialise: Adding existing file");
+        if (crash && LogOf(path).compare(m_newestBundle) > 0)
+            m_newestBundle = LogOf(path);
     }
     m_journal.Text("Current Logs Size: %llu", m_size);
     m_journal.Text("Sorting existing files");
-    // The names carry their start time most significant first, so byte order is time order.
-    std::stable_sort(
-        m_files.begin(), m_files.end(),
-        [](const std::unique_ptr<ZlZomLogFile>& a, const std::unique_ptr<ZlZomLogFile>& b) {
-            return a->m_path.compare(b->m_path) < 0;
-        });
+    std::stable_sort(m_files.begin(), m_files.end(), OlderThan);
     for (const auto& entry : m_files)
         m_journal.Text("Sorted '%s' of %llu bytes.", entry->m_path.c_str(), entry->m_size);
+}
+
+bool ZlZomFileList::AddCrashBundle(const ZvAString& directory, const ZvAString& log) {
+    // An earlier bundle of the same log was replaced, or removed, by the new one.
+    for (size_t i = m_files.size(); i-- > 0;) {
+        if (!m_files[i]->m_crash || LogOf(m_files[i]->m_path) != log)
+            continue;
+        m_size -= std::min(m_size, m_files[i]->m_size);
+        m_files.erase(m_files.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+    bool found = false;
+    ZvFileFind find;
+    ZvFindFileData entry;
+    const ZvAString prefix = log + "-";
+    for (bool more = find.FindFirst(directory.c_str(), "*", entry); more;
+         more = find.FindNext(entry)) {
+        if (entry.name.compare(0, prefix.size(), prefix) != 0 || !IsCrashFileName(entry.name))
+            continue;
+        ZvAString path = directory;
+        ZvFileUtil::AppendToPath(path, entry.name.c_str());
+        const long long size = BytesOf(path);
+        Add(path, static_cast<unsigned long long>(std::max(0LL, size)), true, "Crash file");
+        found = true;
+    }
+    if (found)
+        m_newestBundle = log;
+    return found;
+}
+
+bool ZlZomFileList::MayDelete(const ZlZomLogFile* entry) const {
+    if (entry == m_current)
+        return false;
+    if (!entry->m_crash || m_newestBundle.empty() || LogOf(entry->m_path) != m_newestBundle)
+        return true;
+    // The newest crash bundle stays as long as a file of its log does.
+    for (const auto& other : m_files)
+        if (!other->m_crash && LogOf(other->m_path) == m_newestBundle)
+            return false;
+    return true;
+}
+
+long ZlZomFileList::OldestDeletable() const {
+    for (size_t i = 0; i < m_files.size(); ++i)
+        if (MayDelete(m_files[i].get()))
+            return static_cast<long>(i);
+    return -1;
+}
+
+unsigned long long ZlZomFileList::DeletableBytes() const {
+    unsigned long long bytes = 0;
+    for (const auto& entry : m_files)
+        if (MayDelete(entry.get()))
+            bytes += entry->m_size;
+    return bytes;
+}
+
+unsigned long long ZlZomFileList::RoomForCrash(unsigned long long freeBytes) const {
+    const unsigned long long deletable = DeletableBytes();
+    const unsigned long long kept = m_size - std::min(m_size, deletable);
+    const unsigned long long inBudget =
+        m_total == 0 ? ULLONG_MAX : (m_total > kept ? m_total - kept : 0);
+    const unsigned long long onDisk =
+        freeBytes > ULLONG_MAX - deletable ? ULLONG_MAX : freeBytes + deletable;
+    return std::min(inBudget, onDisk);
+}
+
+void ZlZomFileList::MakeRoomForCrash(unsigned long long bytes,
+                                     const std::function<unsigned long long()>& freeBytes) {
+    while (((m_total != 0 && m_size + bytes > m_total) || freeBytes() < bytes) && DeleteOldest()) {
+    }
 }
 
 bool ZlZomFileList::TrimToBudget() {
@@ -72,7 +210,7 @@ void ZlZomFileList::MakeRoomFor(unsigned incoming) {
 }
 
 bool ZlZomFileList::HasClosedFile() const {
-    return m_files.size() > (m_current != nullptr ? 1u : 0u);
+    return OldestDeletable() >= 0;
 }
 
 bool ZlZomFileList::Contains(const ZvAString& path) const {
@@ -130,17 +268,18 @@ const ZvAString& ZlZomFileList::CurrentPath() const {
 }
 
 bool ZlZomFileList::DeleteOldest() {
-    if (m_files.empty()) {
+    const long oldest = OldestDeletable();
+    if (oldest < 0) {
         m_journal.Text("DeleteOldestFile error. Attempt to delete an old file when none exists.");
         return false;
     }
-    return DeleteAt(0);
+    return DeleteAt(static_cast<size_t>(oldest));
 }
 
 bool ZlZomFileList::DeleteOldestForSpace() {
     for (size_t i = 0; i < m_files.size(); ++i) {
         const ZlZomLogFile* entry = m_files[i].get();
-        if (entry == m_current || (m_keepFirstSegment && entry == m_first))
+        if (!MayDelete(entry) || (m_keepFirstSegment && entry == m_first))
             continue;
         return DeleteAt(i);
     }
@@ -152,7 +291,9 @@ bool ZlZomFileList::DeleteAt(size_t index) {
     const char* path = entry->m_path.c_str();
     // A closed segment may still be open for its sync: its blocks would stay in use.
     m_sync.Forget(entry->m_path);
-    if (ZvFile::Exists(path) && !ZvFileUtil::DelFile(path)) {
+    const bool removed =
+        ZvFileUtil::IsDir(path) ? ZvFileUtil::DeleteDir(path, true) : ZvFileUtil::DelFile(path);
+    if (ZvFile::Exists(path) && !removed) {
         m_journal.Fault("DeleteOldestFile error. Failed to delete '%s'.", path);
         return false;
     }
@@ -175,6 +316,7 @@ bool ZlZomFileList::DeleteAt(size_t index) {
 }
 
 void ZlZomFileList::Clear() {
+    m_newestBundle.clear();
     m_first = nullptr;
     m_current = nullptr;
     m_files.clear();

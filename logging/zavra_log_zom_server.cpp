@@ -26,7 +26,7 @@ bool ZlZomServer::Start() {
 
 void ZlZomServer::OpenListeningSocket() {
     int server = -1;
-    if (!ZvSocket::OpenSocketServer(m_socketPort, server, kSocketRcvBuf, kSocketSndBuf)) {
+    if (!ZvSocket::OpenSocketServer(GetListenAddress(), server, kSocketRcvBuf, kSocketSndBuf)) {
         const int error = errno;
         ZvSocket::CloseSocketServer(server);
         m_journal.Text("ConnectThread: Server socket not opened %d.", error);

@@ -30,8 +30,10 @@ public:
     ZlZomServer(const ZlZomServer&) = delete;
     ZlZomServer& operator=(const ZlZomServer&) = delete;
 
-    // The TCP port to serve, -1 for none.
+    // The TCP port to serve, -1 for none, and the address to serve it on (empty: every address).
     void SetSocketPort(int port) { m_socketPort = port; }
+    void SetSocketHost(const ZvAString& host) { m_socketHost = host; }
+    ZvListenAddress GetListenAddress() const { return ZvListenAddress(m_socketHost, m_socketPort); }
     int GetSocketPort() const { return m_socketPort; }
     bool Serves() const { return m_socketPort >= 0; }
 
@@ -61,6 +63,7 @@ private:
     ZlZomPort& m_port;
     const std::atomic<bool>& m_portOpen;
     int m_socketPort = -1;
+    ZvAString m_socketHost;
     std::atomic<int> m_serverSocket{-1};
     ZvSocket m_client;
     ZvThread m_thread;

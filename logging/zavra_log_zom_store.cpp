@@ -1,6 +1,7 @@
 #include "zavra_log_zom_store.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -235,6 +236,30 @@ void ZlZomStore::GetCrashFileName(ZvAString& path) {
     ZvAString name = "daemon_";
     name += m_logName;
     ZvFileUtil::AppendToPath(path, name.c_str());
+}
+
+unsigned long long ZlZomStore::FreeBytes() const {
+    unsigned long long bytes = 0;
+    return ZvFileUtil::GetFreeSpace(m_directory.c_str(), bytes) ? bytes : ULLONG_MAX;
+}
+
+unsigned long long ZlZomStore::RoomForCrash() {
+    std::lock_guard<std::mutex> lock(m_lock);
+    return m_files.RoomForCrash(FreeBytes());
+}
+
+void ZlZomStore::MakeRoomForCrash(unsigned long long bytes) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    m_files.MakeRoomForCrash(bytes, [this] { return FreeBytes(); });
+}
+
+void ZlZomStore::AddCrashBundle(const ZvAString& basePath) {
+    std::lock_guard<std::mutex> lock(m_lock);
+    const char* name = ZvFileUtil::GetFullName(basePath.c_str());
+    if (name == nullptr || !m_files.AddCrashBundle(m_directory, name))
+        return;
+    // Within the budget again, the oldest first; the new bundle stays while its log does.
+    m_files.MakeRoomFor(0);
 }
 
 unsigned long long ZlZomStore::GetLogsSize() {

@@ -44,6 +44,12 @@ public:
 
     // The directory joined with "daemon_" and the current log name, without extension.
     void GetCrashFileName(ZvAString& path);
+    // Crash bundles: the most one may take (in the budget and on the disk, once the files that
+    // may go have gone); making room for `bytes` of it; and counting the bundle the tool made
+    // under `basePath` (as given by GetCrashFileName), which may delete older files.
+    unsigned long long RoomForCrash();
+    void MakeRoomForCrash(unsigned long long bytes);
+    void AddCrashBundle(const ZvAString& basePath);
     unsigned long long GetLogsSize();
     void GetFileList(ZvAStringList& paths);
     unsigned long long GetBytesLost();
@@ -56,6 +62,7 @@ private:
     void NoteBytesLost(unsigned long long bytes, int error);
     void NoteWriteResumed();
     void NoteLossAtClose();
+    unsigned long long FreeBytes() const;
 
     ZlZomJournal& m_journal;
     ZlZomSync& m_sync;

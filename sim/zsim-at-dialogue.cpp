@@ -52,6 +52,10 @@ void CoreDump(Reply& reply, const AtDialogueState& state) {
         // Announces fewer bytes than follow in the very same write.
         reply.Text(CoreDumpHeader(std::min<uint64_t>(size / 2, 64)));
         break;
+    case CrashFault::OversizeAnnounced:
+        // Far more than any disk or budget of the host holds.
+        reply.Text(CoreDumpHeader(4000000000ull));
+        break;
     default:
         reply.Text(CoreDumpHeader(size));
         break;

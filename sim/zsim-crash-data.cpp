@@ -208,10 +208,10 @@ namespace {
 const char* const kCrashFaultNames[] = {
     "none",         "no-full-dump",       "dump-error",      "no-dump-available",
     "split-header", "extra-after-header", "silent-mid-dump", "never-comes-back",
-    "info-200",     "info-201",           "modem-mode"};
+    "info-200",     "info-201",           "modem-mode",      "oversize-announced"};
 
 static_assert(sizeof kCrashFaultNames / sizeof *kCrashFaultNames ==
-                  static_cast<size_t>(CrashFault::ModemMode) + 1,
+                  static_cast<size_t>(CrashFault::OversizeAnnounced) + 1,
               "a name for each");
 
 } // namespace

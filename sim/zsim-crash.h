@@ -62,6 +62,8 @@ enum class CrashFault {
                          // so the host neither dumps nor resets but still reads the crash
                          // information; the logging port comes back by itself resetDownMs after
                          // the AT port is back
+    OversizeAnnounced,   // the header announces 4000000000 bytes; the image of coreDumpSize
+                         // bytes and "\r\nOK\r\n" follow as usual
 };
 
 // One section of the crash information text, as the modem means it (decoded).
@@ -86,7 +88,7 @@ std::string BuiltInCrashInfoText();
 
 // "none", "no-full-dump", "dump-error", "no-dump-available", "split-header",
 // "extra-after-header", "silent-mid-dump", "never-comes-back", "info-200", "info-201",
-// "modem-mode"
+// "modem-mode", "oversize-announced"
 const char* CrashFaultName(CrashFault fault);
 bool CrashFaultFromName(const std::string& name, CrashFault& fault);
 

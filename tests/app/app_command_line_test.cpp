@@ -66,6 +66,14 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
         {{"-edb.zx.txt", option("The -e (embedded database) argument has an incorrect extension "
                                 "(must be '.zx').")}},
         {{"-p65536", option("Illegal port argument '65536'")}},
+        {{"-p127.0.0.1", option("Illegal listening address '127.0.0.1' in the -p option: expected "
+                                "<IPv4 address>:<port> or [<IPv6 address>]:<port>.")}},
+        {{"-p127.1.1:5", option("Illegal listening address '127.1.1:5' in the -p option: "
+                                "'127.1.1' is not an IPv4 address.")}},
+        {{"-p::1:5", option("Illegal listening address '::1:5' in the -p option: an IPv6 address "
+                            "goes in brackets: [<IPv6 address>]:<port>.")}},
+        {{"-p[::1]:65536", option("Illegal listening address '[::1]:65536' in the -p option: "
+                                  "'65536' is not a port number (0 to 65535).")}},
         {{"-r,", option("The -r (deferred logging) option requires an argument.")}},
         {{"-r0,1",
           option("The -r (deferred logging) option requires either 1 or 3 arguments (not 2).")}},
@@ -91,6 +99,7 @@ TEST(CommandLine, EveryFaultHasItsMessageAndStatus) {
         {{"-d/nonexistent/port", "-p0", "-o", "-r1,100,5", "-c0x40", "-v1", "-b", "-t", "a", "b",
           noPort}},
         {{"-d", "/nonexistent/port,/dev/other", "-o", noPort}},
+        {{"-d/nonexistent/port", "-p[::1]:0x8000", "-o", noPort}},
         {{"-d/nonexistent/port", "-eDB.ZX", noPort}}, // the extension ignores case
         {script(21, dir.Path())},                     // a directory (EISDIR)
         {script(22, fifo)},                           // a FIFO would block the start (EINVAL)

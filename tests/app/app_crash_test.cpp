@@ -3,15 +3,20 @@
 // AT port through the real libudev; the simulator's crash mode at the other end. Zips are read
 // back with Python's zipfile.
 #include <dirent.h>
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <map>
+#include <regex>
 #include <set>
+#include <sstream>
 
 #include "app_test_tool.h"
 #include "crash_zip_reader.h"
@@ -226,19 +231,70 @@ TEST(Crash, SocketOnlyCaptureNamesTheBundleByTheTime) {
     ExpectZip(cwd + "/" + zip, run.ExpectedZip(base + "-crashlog.txt", true));
 }
 
-// A modem that keeps its full dump to itself, or answers as if it had not crashed: the crash
-// information and the crash log still make a bundle.
-TEST(Crash, ModemsWithoutAFullDumpStillGiveABundle) {
-    for (zsim::CrashFault fault : {zsim::CrashFault::NoFullDump, zsim::CrashFault::ModemMode}) {
-        SCOPED_TRACE(zsim::CrashFaultName(fault));
+// A modem that keeps its full dump to itself, answers as if it had not crashed, stops its dump
+// half-way or sends more than it announced: the crash information and the crash log still make a
+// bundle, with no dump or a whole one (all that came, when it came in excess), never part of one.
+TEST(Crash, ModemsWithoutAWholeDumpStillGiveABundle) {
+    const struct {
+        zsim::CrashFault fault;
+        const char* dumpTail; // after the image, when a dump is kept
+    } cases[] = {{zsim::CrashFault::NoFullDump, nullptr},
+                 {zsim::CrashFault::ModemMode, nullptr},
+                 {zsim::CrashFault::SilentMidDump, nullptr},
+                 {zsim::CrashFault::ExtraAfterHeader, "\r\nOK\r\n"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(zsim::CrashFaultName(c.fault));
         CrashRun run;
-        run.bench.options.crash.fault = fault;
+        run.bench.options.crash.fault = c.fault;
         run.Start({run.bench.Out()});
         ExpectExit(run.tool, 50, 60000);
         EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.bin")));
-        ExpectZip(run.Path("out-crash.zip"), run.ExpectedZip("out-crashlog.txt", false));
+        Entries expected = run.ExpectedZip("out-crashlog.txt", false);
+        if (c.dumpTail != nullptr)
+            expected["extram.bin"] = Text(run.bench.modem.CoreDumpImage()) + c.dumpTail;
+        ExpectZip(run.Path("out-crash.zip"), expected);
         EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
+        if (c.fault == zsim::CrashFault::SilentMidDump) {
+            EXPECT_TRUE(Contains(run.tool.Stderr(), PortFail("The core dump stopped after 150000 "
+                                                             "of 300000 bytes; it is not saved.")));
+        }
     }
+}
+
+// Crash information whose section names and zip entries reach out of the folder they go to, or
+// would steer the terminal: nothing is written outside the log's directory, the zip's names are
+// made safe, the names are shown escaped.
+TEST(Crash, HostileCrashInformationStaysInsideTheLogDirectory) {
+    CrashRun run;
+    const std::string outside = run.bench.dir.Path() + "-outside.txt";
+    const std::string escape = "../../" + outside.substr(outside.rfind('/') + 1);
+    const std::string zip = run.Path("hostile.zip");
+    ASSERT_TRUE(crash_test::WriteZip(
+        zip, {{"../../evil.txt", "a"}, {"/etc/evil", "b"}, {"term\x1b[2J.txt", "c"}}));
+    std::string info = "--Zavra debug info\r\nContent-Description: crash_dump_1.zip\r\n"
+                       "Content-Transfer-Encoding: x-base64\r\n\r\n" +
+                       crash_test::Base64Lines(zavra_test::ReadFile(zip));
+    for (const std::string& name : {escape, outside, std::string("term\x1b[2J.txt"),
+                                    std::string(300, 'n'), std::string("notes.txt")})
+        info += "--Zavra debug info\r\nContent-Description: " + name +
+                "\r\nContent-Transfer-Encoding: text/plain\r\n\r\nsection " + name + "\r\n";
+    info += "--Zavra debug info--\r\n";
+    run.bench.options.crash.crashInfoFile = run.Path("info.txt");
+    ASSERT_TRUE(zavra_test::WriteFile(run.bench.options.crash.crashInfoFile, info));
+    run.Start({run.bench.Out()});
+    ExpectExit(run.tool, 50, 60000);
+    const std::string err = run.tool.Stderr();
+    EXPECT_TRUE(Contains(err, "Crash section 'term\\x1b[2J.txt' in '"));
+    EXPECT_EQ(err.find('\x1b'), std::string::npos) << "a control character reached the terminal";
+    EXPECT_FALSE(zavra_test::FileExists(outside));
+    ExpectZip(run.Path("out-crash.zip"),
+              {{"__/__/evil.txt", "a"},
+               {"etc/evil", "b"},
+               {"term_[2J.txt", "c"},
+               {"notes.txt", "section notes.txt"},
+               {"out-crashlog.txt", Text(run.bench.modem.CrashLogText())},
+               {"extram.bin", Text(run.bench.modem.CoreDumpImage())}});
+    EXPECT_EQ(Leftovers(run.bench.dir.Path()), std::set<std::string>());
 }
 
 // Crash information without the modem's zip: nothing to add to, so every file stays, under the
@@ -263,6 +319,10 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
         ASSERT_TRUE(zavra_test::WriteFile(run.Path(stale), "earlier crash"));
     ASSERT_EQ(mkdir(run.Path("out-crash-files").c_str(), 0755), 0);
     ASSERT_TRUE(zavra_test::WriteFile(run.Path("out-crash-files/stale.txt"), "earlier crash"));
+    // Another program holds the earlier crash log: it is neither replaced nor removed, and the new
+    // one stays with the other crash files.
+    const int held = open(run.Path("out-crashlog.txt").c_str(), O_RDONLY | O_CLOEXEC);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
     run.Start({run.bench.Out()});
     ExpectExit(run.tool, 50, 60000);
     const std::string err = run.tool.Stderr();
@@ -272,13 +332,23 @@ TEST(Crash, CrashInformationWithoutAZipKeepsEveryFile) {
                                   "'\n"));
     EXPECT_FALSE(zavra_test::FileExists(run.Path("out-crash.zip")));
     EXPECT_FALSE(zavra_test::FileExists(run.Path("out-extram.dmp")));
-    EXPECT_EQ(Names(run.Path("out-crash-files")),
-              (std::set<std::string>{"bb_events.txt", "crash_summary.txt"}));
+    close(held);
+    EXPECT_TRUE(Contains(err, "TARGET-CRASH: '" + run.Path("out-crashlog.txt") +
+                                  "' is in use by another program; kept as '"));
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crashlog.txt")), "earlier crash");
+    std::set<std::string> folder = Names(run.Path("out-crash-files"));
+    const std::set<std::string> logs = Names(run.Path("out-crash-files"), {"clf"});
+    ASSERT_EQ(logs.size(), 1u);
+    const std::string crashLog = *logs.begin();
+    EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash-files/" + crashLog)),
+              Text(run.bench.modem.CrashLogText()));
+    folder.erase(crashLog);
+    EXPECT_EQ(folder, (std::set<std::string>{"bb_events.txt", "crash_summary.txt"}));
     EXPECT_EQ(zavra_test::ReadFile(run.Path("out-crash.txt")), info);
     // There, and readable like the log beside them, though they began as private temporary files.
     struct stat log, kept;
     ASSERT_EQ(stat(run.bench.Out().c_str(), &log), 0);
-    for (const char* name : {"out-crash.txt", "out-crashlog.txt", "out-extram.bin"}) {
+    for (const char* name : {"out-crash.txt", "out-extram.bin"}) {
         ASSERT_EQ(stat(run.Path(name).c_str(), &kept), 0);
         EXPECT_EQ(kept.st_mode & 0777, log.st_mode & 0777) << name;
     }
@@ -441,6 +511,81 @@ TEST(CrashDaemon, ExitOnPortFailureChecksFirst) {
     ASSERT_EQ(logs.size(), 1u);
     EXPECT_TRUE(zavra_test::FileExists(store + "/" + logs[0] + "-crash.zip"));
     EXPECT_EQ(run.bench.modem.AtCommands(), kDumpedAndReset);
+}
+
+// What a daemon's budget covers: the bytes of its logs and crash bundles (folders by their files).
+long long StoreBytes(const std::string& dir) {
+    long long bytes = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir))
+        if (entry.is_regular_file() && entry.path().filename().string().rfind("daemon.", 0) != 0)
+            bytes += static_cast<long long>(entry.file_size());
+    return bytes;
+}
+
+// A small budget and a modem that crashes again and again, its dumps of 3 MiB: the bundles count
+// in the budget, the oldest files go whatever their kind, and the newest bundle stays. A dump
+// announced larger than all the room there is is not saved, and logging goes on.
+TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
+    CrashRun run;
+    run.bench.options.gen.bytesPerSecond = 2u << 20;
+    run.bench.options.crash.coreDumpSize = 3u << 20;
+    const std::string store = run.Path("logs"), journal = store + "/daemon.log";
+    const long long budget = 8 << 20;
+    // A check cut short by a kill left its folder: the daemon takes it away.
+    ASSERT_EQ(mkdir(store.c_str(), 0755), 0);
+    ASSERT_EQ(mkdir((store + "/.zavra-crash-aB3dE6").c_str(), 0700), 0);
+    ASSERT_TRUE(zavra_test::WriteFile(store + "/.zavra-crash-aB3dE6/exrQ1w2E3", "half a dump"));
+    run.Start({"-a" + store + ",8,1"});
+    const int crashes = 4;
+    for (int crash = 1; crash <= crashes; ++crash) {
+        SCOPED_TRACE(crash);
+        if (crash > 1) {
+            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crash - 1), 30000));
+            const uint64_t sent = run.bench.modem.Counters().sent;
+            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (2u << 20)), 20000));
+            if (crash == crashes)
+                run.bench.modem.Apply(zsim::Control::Fault(zsim::CrashFault::OversizeAnnounced));
+            run.bench.modem.Apply(zsim::Control::Crash());
+        }
+        // Counted once it is made, and the store back within its budget.
+        ASSERT_TRUE(zavra_test::WaitUntil(
+            [&] {
+                return zavra_test::CountOf(zavra_test::ReadFile(journal), "-crash.zip' of ") >=
+                       crash;
+            },
+            60000))
+            << run.tool.Stderr();
+        EXPECT_LE(StoreBytes(store), budget);
+    }
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crashes), 30000));
+    const uint64_t sent = run.bench.modem.Counters().sent;
+    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (1u << 20)), 20000));
+    run.tool.Signal(SIGTERM);
+    ExpectExit(run.tool, 15);
+
+    const std::string refused =
+        "Core dump of 4000000000 bytes does not fit in the room for crash data (";
+    EXPECT_TRUE(Contains(run.tool.Stderr(), "PORT-FAIL: " + refused));
+    const std::string text = zavra_test::ReadFile(journal);
+    EXPECT_TRUE(Contains(text, "Crash check: " + refused));
+    EXPECT_TRUE(Contains(text, "Removed the folder '" + store +
+                                   "/.zavra-crash-aB3dE6' of an unfinished crash check."));
+    bool bundleDeleted = false;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);)
+        bundleDeleted = bundleDeleted || (line.find("Deleting old file '") != std::string::npos &&
+                                          line.find("-crash.zip' of ") != std::string::npos);
+    EXPECT_TRUE(bundleDeleted) << "no bundle was deleted for the budget";
+    EXPECT_LE(StoreBytes(store), budget);
+    // The newest bundle is the last crash's, whole and without a dump; a log came after it.
+    std::string newest; // the names sort by time
+    for (const std::string& name : Names(store))
+        if (std::regex_match(name, std::regex(".*-crash\\.zip")))
+            newest = name.substr(0, name.size() - 10);
+    EXPECT_LT(newest + "_999", Logs(store).back()) << "logging went on after the last crash";
+    ExpectZip(store + "/" + newest + "-crash.zip",
+              run.ExpectedZip(newest + "-crashlog.txt", false));
+    EXPECT_EQ(Leftovers(store), std::set<std::string>());
 }
 
 } // namespace

@@ -18,27 +18,34 @@ struct SocketRun {
     zavra_test::Process tool;
     int port = zavra_test::FreeTcpPort();
     int client = -1;
+    // Served on every address, or on this loopback address alone with the client coming from
+    // 127.0.0.3.
+    std::string address;
 
     ~SocketRun() { close(client); }
     // Starts the modem and the tool with -p, and connects the client.
     void Start(const std::vector<std::string>& extra = {}) {
         bench.StartModem();
-        std::vector<std::string> args = {"-d" + bench.Port(), "-t", "-p" + std::to_string(port)};
+        const std::string where = (address.empty() ? "" : address + ":") + std::to_string(port);
+        std::vector<std::string> args = {"-d" + bench.Port(), "-t", "-p" + where};
         args.insert(args.end(), extra.begin(), extra.end());
         args.push_back(bench.Out());
         StartTool(tool, args);
-        client = zavra_test::ConnectTcp(port, 10000);
+        client = address.empty() ? zavra_test::ConnectTcp(port, 10000)
+                                 : zavra_test::ConnectTcp(address, port, 10000, "127.0.0.3");
         ASSERT_GE(client, 0) << tool.Stderr();
     }
 };
 
 // A client leaving with unread data (the tool's next sends meet a reset connection), or one that
 // never reads (its buffers fill after a few MiB and the rest is dropped for it): neither stalls
-// the capture nor ends the run.
+// the capture nor ends the run. The leaving one is served on a loopback address of its own, and
+// said by its address.
 TEST(SocketClient, ClientLeavingOrNotReadingDisturbsNothing) {
     for (bool leave : {true, false}) {
         SCOPED_TRACE(leave ? "leaving" : "not reading");
         SocketRun run;
+        run.address = leave ? "127.0.0.2" : "";
         run.bench.options.gen.enabled = true;
         run.bench.options.gen.bytesPerSecond = leave ? 8u << 20 : 0;
         run.bench.options.gen.stopAfterBytes = leave ? 6u << 20 : 24u << 20;
@@ -55,6 +62,9 @@ TEST(SocketClient, ClientLeavingOrNotReadingDisturbsNothing) {
         ExpectExit(run.tool, 15);
         ExpectCaptured(run.bench.Out(), run.bench, run.bench.modem.Counters().sent);
         const std::string err = run.tool.Stderr();
+        EXPECT_TRUE(
+            zavra_test::Contains(err, std::string("Status: Socket client connected from 127.0.0.") +
+                                          (leave ? "3" : "1") + ".\n"));
         if (!leave) {
             EXPECT_TRUE(zavra_test::Contains(err, "Socket client is not keeping up"));
             // Whatever the client did not get is accounted for: what reached its socket and

@@ -13,6 +13,17 @@
 using ::testing::MatchesRegex;
 using Files = ScratchDir;
 
+// Every chdir of the program is counted (the test links with --wrap=chdir): the current directory
+// belongs to every thread, so resolving a path must never move it.
+namespace {
+int g_chdirCalls = 0;
+}
+extern "C" int __real_chdir(const char* path);
+extern "C" int __wrap_chdir(const char* path) {
+    ++g_chdirCalls;
+    return __real_chdir(path);
+}
+
 TEST_F(Files, PathsSplitMergeChangeAndBecomeAbsolute) {
     const char* cases[][2] = {
         // path, "drive|dir|name|ext"; backslash is no separator
@@ -50,10 +61,12 @@ TEST_F(Files, PathsSplitMergeChangeAndBecomeAbsolute) {
         {"", true, m_dir},
         {"/abs/d/", true, "/abs/d/"},
     };
+    const int chdirCalls = g_chdirCalls;
     for (auto& [path, isDir, absolute] : relative) {
         ZvFileUtil::RelativeToAbsolutePath(path, s, isDir);
         EXPECT_EQ(s, absolute) << path;
     }
+    EXPECT_EQ(g_chdirCalls, chdirCalls) << "the current directory was changed";
 }
 
 TEST_F(Files, ReadLineWriteSeekAndSize) {

@@ -136,7 +136,17 @@ TEST_F(CrashDecode, NamesThatLeaveTheOutputDirectoryAreSkippedWithAWarning) {
     const std::string input = m_out + "/crash.txt"; // decoded beside itself
     const std::string absolute = m_dir.File("abs.txt");
     const std::vector<std::string> names = {
-        "", ".", "..", "../escape.txt", absolute, "sub/in.txt", "back\\slash.txt", "crash.txt",
+        "",
+        ".",
+        "..",
+        "../escape.txt",
+        absolute,
+        "sub/in.txt",
+        "back\\slash.txt",
+        "esc\x1b[2J",
+        "a..b",
+        std::string(256, 'n'),
+        "crash.txt",
     };
     std::string text = Head("", "text/plain") + "unnamed\n";
     for (size_t i = 1; i < names.size(); ++i)
@@ -149,7 +159,7 @@ TEST_F(CrashDecode, NamesThatLeaveTheOutputDirectoryAreSkippedWithAWarning) {
     ASSERT_EQ(log.messages.size(), names.size());
     for (size_t i = 0; i < names.size(); ++i)
         EXPECT_EQ(log.messages[i],
-                  "Crash section '" + names[i] + "' in '" + input +
+                  "Crash section '" + (i == 7 ? "esc\\x1b[2J" : names[i]) + "' in '" + input +
                       (i + 1 < names.size() ? "' is not a plain file name in the output "
                                               "directory and was skipped."
                                             : "' would replace a retrieved file and was skipped."));

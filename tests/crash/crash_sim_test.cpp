@@ -179,9 +179,10 @@ TEST_F(SimCrash, EachFaultOfTheDialogueGivesItsReportsFilesAndCommands) {
          "exr crh clf",
          false},
         {CrashFault::SilentMidDump,
-         {kChecking, reading, kRetrievedInfo},
+         {kChecking, reading,
+          "The core dump stopped after 150000 of 300000 bytes; it is not saved.", kRetrievedInfo},
          kFullDialogue,
-         "exr crh clf",
+         "crh clf",
          false},
         {CrashFault::Info200, {kChecking, reading}, kFullDialogue, "exr clf", false},
         {CrashFault::Info201,
@@ -217,11 +218,6 @@ TEST_F(SimCrash, EachFaultOfTheDialogueGivesItsReportsFilesAndCommands) {
             break;
         case CrashFault::ExtraAfterHeader: // the count wrapped: all up to the silence is kept
             EXPECT_TRUE(image + "\r\nOK\r\n" == dump);
-            break;
-        case CrashFault::SilentMidDump: // the part that came
-            EXPECT_GT(dump.size(), 0u);
-            EXPECT_LT(dump.size(), image.size());
-            EXPECT_TRUE(image.compare(0, dump.size(), dump) == 0);
             break;
         case CrashFault::Info200:
         case CrashFault::Info201:

@@ -15,6 +15,14 @@ std::string Quoted(const std::string& text) {
     return quoted + "'";
 }
 
+std::string Hex(const std::string& bytes) {
+    static const char digits[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char c : bytes)
+        hex += {digits[c >> 4], digits[c & 15]};
+    return hex;
+}
+
 // Runs python3 with `script` and `args`; its standard output, and true when it exited with 0.
 bool Python(const char* script, const std::vector<std::string>& args, std::string& output) {
     std::string command = "python3 -c " + Quoted(script);
@@ -49,6 +57,27 @@ bool ReadZip(const std::string& path, std::map<std::string, std::string>& entrie
             data += static_cast<char>(std::stoi(output.substr(i, 2), nullptr, 16));
     }
     return true;
+}
+
+std::string Base64Lines(const std::string& data) {
+    const char* script = "import sys, base64\n"
+                         "sys.stdout.write(base64.encodebytes(bytes.fromhex(sys.argv[1]))\n"
+                         "                 .decode().replace('\\n', '\\r\\n'))\n";
+    std::string output;
+    return Python(script, {Hex(data)}, output) ? output : "";
+}
+
+bool WriteZip(const std::string& path, const std::map<std::string, std::string>& entries) {
+    const char* script = "import sys, zipfile\n"
+                         "with zipfile.ZipFile(sys.argv[1], 'w') as z:\n"
+                         "    for name, data in zip(sys.argv[2::2], sys.argv[3::2]):\n"
+                         "        z.writestr(zipfile.ZipInfo(bytes.fromhex(name).decode()),\n"
+                         "                   bytes.fromhex(data))\n";
+    std::vector<std::string> args = {path};
+    for (const auto& [name, data] : entries)
+        args.insert(args.end(), {Hex(name), Hex(data)});
+    std::string output;
+    return Python(script, args, output);
 }
 
 bool WriteTargetZip(const std::string& path) {

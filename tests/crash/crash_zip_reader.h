@@ -12,6 +12,10 @@ namespace crash_test {
 
 // Name and content of every entry, after zipfile's own CRC check; false when no valid zip.
 bool ReadZip(const std::string& path, std::map<std::string, std::string>& entries);
+// `data` in base64 lines of 76 characters ending in CR LF, encoded by Python.
+std::string Base64Lines(const std::string& data);
+// Writes a zip with these entries through zipfile, the names as they are (however unsafe).
+bool WriteZip(const std::string& path, const std::map<std::string, std::string>& entries);
 // Writes the target's crash dump zip below to `path`, decoded from base64 by coreutils.
 bool WriteTargetZip(const std::string& path);
 

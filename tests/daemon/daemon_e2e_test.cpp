@@ -92,11 +92,16 @@ TEST(DaemonTool, ExistingFilesGoFirstKeepFirstSegmentSavesSegmentZeroAndExitOnPo
 }
 
 // One client session on the port as it first opens, then a second across its failure and return.
+// Served on one loopback address (127.0.0.2): a client there is served and journalled by its
+// address, while nothing listens on 127.0.0.1.
 TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndServedAgain) {
     DaemonRun run;
     run.StartModem(0, 100000);
-    run.StartTool("", {run.Serve()});
-    int client = run.Connect();
+    const std::string where = "127.0.0.2:" + std::to_string(run.port);
+    run.StartTool("", {"-p" + where});
+    int client = zavra_test::ConnectTcp("127.0.0.2", run.port, 5000, "127.0.0.3");
+    ASSERT_GE(client, 0);
+    EXPECT_LT(zavra_test::ConnectTcp(run.port, 0), 0) << "listening on 127.0.0.1 too";
     const std::string got = zavra_test::ReadExactly(client, 20000, 5000);
     ASSERT_EQ(got.size(), 20000u);
     run.modem.FlushFiles();
@@ -114,7 +119,7 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
     EXPECT_TRUE(run.modem.WaitUntil(zsim::RecordSeen(run.modem.Ids().open, opens + 1), 5000))
         << "the channel is opened again when a client leaves";
     ASSERT_TRUE(run.tool.Running()) << "a client that leaves never ends the daemon";
-    client = run.Connect();
+    client = zavra_test::ConnectTcp("127.0.0.2", run.port, 5000);
     ASSERT_EQ(zavra_test::ReadExactly(client, 20000, 5000).size(), 20000u);
 
     const auto failed = std::chrono::steady_clock::now();
@@ -126,7 +131,7 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
     // Initialised again on the new connection, and served again.
     ASSERT_TRUE(run.modem.WaitUntil(zsim::ChannelOpen(), 5000));
     close(client);
-    client = run.Connect();
+    client = zavra_test::ConnectTcp("127.0.0.2", run.port, 5000);
     EXPECT_EQ(zavra_test::ReadExactly(client, 20000, 5000).size(), 20000u);
     close(client);
     run.modem.Apply(zsim::Control::StreamOn(false));
@@ -145,6 +150,8 @@ TEST(DaemonTool, AClientIsServedBothWaysAndAFailedPortIsReopenedWithANewLogAndSe
     EXPECT_EQ(JournalCount(run.store, "Port Failure Detected."), 1);
     EXPECT_EQ(JournalCount(run.store, "ConnectThread: Port opened."), 2);
     EXPECT_EQ(JournalCount(run.store, "Socket port number: " + std::to_string(run.port)), 1);
+    EXPECT_EQ(JournalCount(run.store, "Socket address: " + where), 1);
+    EXPECT_EQ(JournalCount(run.store, "SocketThread: Connected to 127.0.0.3."), 1);
 }
 
 // A client whose link stalls for 500 ms every 2 s while the modem sends 2 MB/s keeps up on

@@ -157,6 +157,27 @@ TEST(DaemonFaults, ASecondInstanceOnThePortOrTheDirectoryIsRefusedAtOnceAndTheFi
     EXPECT_EQ(run.modem.Counters().discarded, 0u);
     EXPECT_TRUE(ZomConcat(run.store) == run.Sent()) << "the first daemon kept the whole stream";
     EXPECT_EQ(JournalCount(run.store, "Initialising started."), 1) << "its journal untouched";
+    const std::string lock = run.StoreFile("daemon.lock");
+    EXPECT_FALSE(zavra_test::FileExists(lock)) << "removed at the orderly exit";
+
+    // Killed outright, a daemon leaves its lock file behind; the next one takes it over unaided.
+    // (Each journal is put aside when its daemon has ended, so that the next one is told apart.)
+    zavra_test::Process killed, restarted;
+    const auto putJournalAside = [&](const char* name) {
+        ASSERT_EQ(rename(run.StoreFile("daemon.log").c_str(), run.StoreFile(name).c_str()), 0);
+    };
+    putJournalAside("first.log");
+    DaemonRun::Start(killed, {"-d" + port, "-a" + run.store, "-t"});
+    ASSERT_TRUE(run.WaitForJournal("ConnectThread: Port opened.", 10000));
+    killed.Kill();
+    ASSERT_TRUE(zavra_test::FileExists(lock));
+    putJournalAside("killed.log");
+    DaemonRun::Start(restarted, {"-d" + port, "-a" + run.store, "-t"});
+    EXPECT_TRUE(run.WaitForJournal("ConnectThread: Port opened.", 10000)) << restarted.Stderr();
+    restarted.Signal(SIGTERM);
+    zavra_test::ExpectExit(restarted, 15);
+    EXPECT_FALSE(zavra_test::Contains(restarted.Stderr(), "Error"));
+    EXPECT_FALSE(zavra_test::FileExists(lock));
 }
 
 TEST(DaemonFaults, APortThatCannotBeOpenedIsExplainedOnceAndItsOpeningIsSaid) {

@@ -80,6 +80,7 @@ TEST(SimCrash, EachFaultAnswersWithItsOwnBytes) {
         {CrashFault::NoFullDumpAvailable, "at%debug=2,1\r", "\r\nNo Full Core Dump Available\r\n",
          0},
         {CrashFault::ExtraAfterHeader, "at%debug=2,1\r", Header("8"), 16},
+        {CrashFault::OversizeAnnounced, "at%debug=2,1\r", Header("4000000000"), 16},
         {CrashFault::ModemMode, "at%mode?\r", kModemMode, 0},
         {CrashFault::None, "at%debug=99\r", kOk, 0},
     };

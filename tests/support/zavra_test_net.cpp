@@ -38,13 +38,21 @@ int FreeTcpPort() {
 }
 
 int ConnectTcp(int port, int timeoutMs) {
+    return ConnectTcp("127.0.0.1", port, timeoutMs);
+}
+
+int ConnectTcp(const std::string& address, int port, int timeoutMs, const std::string& from) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    sockaddr_in server = Loopback(port), source = Loopback(0);
+    if (inet_pton(AF_INET, address.c_str(), &server.sin_addr) != 1 ||
+        (!from.empty() && inet_pton(AF_INET, from.c_str(), &source.sin_addr) != 1))
+        return -1;
     for (;;) {
         int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (fd < 0)
             return -1;
-        sockaddr_in address = Loopback(port);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
+        if ((from.empty() || bind(fd, reinterpret_cast<sockaddr*>(&source), sizeof source) == 0) &&
+            connect(fd, reinterpret_cast<sockaddr*>(&server), sizeof server) == 0)
             return fd;
         close(fd);
         if (std::chrono::steady_clock::now() >= deadline)

@@ -15,6 +15,8 @@ int FreeTcpPort();
 // Connects to 127.0.0.1:port, retrying until the server listens or the time-out passes.
 // Returns the descriptor (blocking) or -1.
 int ConnectTcp(int port, int timeoutMs);
+// The same to another loopback `address` (IPv4), from the loopback address `from` when given.
+int ConnectTcp(const std::string& address, int port, int timeoutMs, const std::string& from = "");
 
 // Reads from a descriptor until `count` bytes are held or the time-out passes; returns the bytes.
 std::string ReadExactly(int fd, size_t count, int timeoutMs);

@@ -145,7 +145,7 @@ TEST_F(TgtDbE2eTest, OutputThatCannotBeRemovedStopsBeforeThePortIsUsed) {
     ASSERT_TRUE(zavra_test::WriteFile(output + "/keep", "x"));
     int status = Run(1000);
     EXPECT_TRUE(status != 0 && status != 51) << zavra_test::Describe(tool);
-    EXPECT_TRUE(Said("Failed to delete existing '" + output + "' file.\n") &&
+    EXPECT_TRUE(Said("Failed to open '" + output + "' file for writing.\n") &&
                 Said("Failed to configure target database extraction '" + output + "'"))
         << tool.Stderr();
     EXPECT_TRUE(zavra_test::FileExists(output + "/keep"));

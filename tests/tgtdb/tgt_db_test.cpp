@@ -92,7 +92,7 @@ TEST_F(TgtDbTest, DatabaseArrivesByteForByteInAnyChunking) {
 TEST_F(TgtDbTest, RefusedHashConfirmsEndInTheTimeOutRetriedOnce) {
     std::ofstream(path) << "stale database";
     ASSERT_TRUE(db.Configure(path.c_str(), kBase));
-    EXPECT_FALSE(OutputExists());
+    EXPECT_EQ(Output(), "") << "held and emptied";
     unsigned char small[15]; // too small for a request
     EXPECT_EQ(db.EncodeFileHashReq(small, sizeof(small)), 0u);
     EXPECT_EQ(db.EncodeFileDataReq(small, sizeof(small)), 0u);
@@ -114,15 +114,16 @@ TEST_F(TgtDbTest, RefusedHashConfirmsEndInTheTimeOutRetriedOnce) {
 }
 
 // Data phase faults the modem cannot stage (its own run end to end): the first restarts the
-// exchange, the second is final with the exact text; neither leaves a file.
+// exchange, the second is final with the exact text; neither leaves a file. A file that cannot be
+// created fails at once, before anything is sent.
 TEST_F(TgtDbTest, DataFaultsFailTheAttemptAndLeaveNoFile) {
     const Bytes d = PatternData(100);
     const struct {
-        const char* file;
+        bool fullDisk; // the output is a link to /dev/full; removing it removes only the link
         std::string error;
         std::function<int(TgtDbTest&)> act;
     } faults[] = {
-        {"x.zx", "Target database extraction timed out while waiting for file data",
+        {false, "Target database extraction timed out while waiting for file data",
          [&](TgtDbTest& t) {
              t.Feed(Data(d, 0, 30, true));
              EXPECT_EQ(t.Tick(1000), 0);
@@ -130,13 +131,7 @@ TEST_F(TgtDbTest, DataFaultsFailTheAttemptAndLeaveNoFile) {
              EXPECT_EQ(t.Tick(1000), 0);
              return t.Tick(1);
          }},
-        {"x.zx", "Failed to write '100' bytes to database file.",
-         [&](TgtDbTest& t) { // a full disk; removing the name removes only the link
-             EXPECT_EQ(symlink("/dev/full", t.path.c_str()), 0);
-             t.Feed(Data(d, 0, 100, false));
-             return t.db.CheckProgress();
-         }},
-        {"gone/x.zx", "Failed to open '" + dir.File("gone/x.zx") + "' file for writing.",
+        {true, "Failed to write '100' bytes to database file.",
          [&](TgtDbTest& t) {
              t.Feed(Data(d, 0, 100, false));
              return t.db.CheckProgress();
@@ -144,18 +139,27 @@ TEST_F(TgtDbTest, DataFaultsFailTheAttemptAndLeaveNoFile) {
     };
     for (auto& fault : faults) {
         SCOPED_TRACE(fault.error);
-        path = dir.File(fault.file);
-        ASSERT_TRUE(db.Configure(path.c_str(), kBase));
+        path = dir.File(fault.fullDisk ? "full.zx" : "x.zx");
+        if (fault.fullDisk) {
+            ASSERT_EQ(symlink("/dev/full", path.c_str()), 0);
+        }
+        ASSERT_TRUE(db.Configure(path.c_str(), kBase)) << db.GetError();
         for (int attempt = 0; attempt < 2; ++attempt) {
             ASSERT_EQ(db.CheckProgress(), 0);
             Feed(Hash(0, 1, 100));
             ASSERT_EQ(db.CheckProgress(), 0);
             ASSERT_EQ(db.GetState(), ZlTgtDb::StateDataRequested);
             EXPECT_EQ(fault.act(*this), attempt);
-            EXPECT_FALSE(OutputExists());
+            EXPECT_TRUE(fault.fullDisk || Output().empty()) << "held for the retry, and empty";
         }
+        EXPECT_FALSE(OutputExists());
         EXPECT_EQ(db.GetError(), fault.error);
     }
+    const std::string gone = dir.File("gone/x.zx");
+    db.sent.clear();
+    EXPECT_FALSE(db.Configure(gone.c_str(), kBase));
+    EXPECT_EQ(db.GetError(), "Failed to open '" + gone + "' file for writing.");
+    EXPECT_TRUE(db.sent.empty());
 }
 
 TEST_F(TgtDbTest, RestartForgetsAHalfRecordAndTheLargestFileCompletes) {
