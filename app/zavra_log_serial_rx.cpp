@@ -1,5 +1,6 @@
 #include "zavra_log_serial_rx.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,38 +22,37 @@ void ZlbsRxBase::OnRxPeerReady() {
 
 bool ZlbsRxNormal::OpenFile(const char* path) {
     CloseFile();
-    const int fd = ZvFile::OpenLockedForWriting(path);
-    if (fd < 0)
-        return false;
-    m_file = fdopen(fd, "wb");
-    if (m_file == nullptr) {
-        const int reason = errno;
-        close(fd);
-        errno = reason;
-        return false;
-    }
-    // One write per chunk, as it arrives: nothing waits in a buffer if the process is killed.
-    setvbuf(m_file, nullptr, _IONBF, 0);
-    return true;
+    // One write per chunk, as it arrives, straight to the descriptor: nothing waits in a buffer
+    // if the process is killed, and no stream lock is taken per chunk.
+    m_fd = ZvFile::OpenLockedForWriting(path);
+    return m_fd >= 0;
 }
 
 bool ZlbsRxNormal::TruncateFile() {
-    return m_file != nullptr && ZvFile::TruncateIfRegular(fileno(m_file));
+    return m_fd >= 0 && ZvFile::TruncateIfRegular(m_fd);
 }
 
 void ZlbsRxNormal::CloseFile() {
-    if (m_file != nullptr) {
+    if (m_fd >= 0) {
         // The capture is on the disk when the tool ends, not only in the page cache.
-        fflush(m_file);
-        fsync(fileno(m_file));
-        fclose(m_file);
-        m_file = nullptr;
+        fsync(m_fd);
+        close(m_fd);
+        m_fd = -1;
     }
 }
 
 void ZlbsRxNormal::OnRxData(unsigned int count, unsigned char* data) {
-    if (m_file != nullptr) {
-        size_t written = fwrite(data, 1, count, m_file);
+    if (m_fd >= 0) {
+        unsigned written = 0;
+        while (written < count) {
+            const ssize_t n = write(m_fd, data + written, count - written);
+            if (n > 0)
+                written += static_cast<unsigned>(n);
+            else if (n < 0 && errno == EINTR)
+                continue;
+            else
+                break;
+        }
         if (written != count) {
             // Said at once: a run may last days, and the file is the record users keep.
             if (m_writeFailures++ == 0)

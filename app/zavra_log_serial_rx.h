@@ -2,8 +2,6 @@
 // selected one, on the reader thread.
 #pragma once
 
-#include <cstdio>
-
 #include "zv-itf-serial.h"
 
 class ZlsSocketStream;
@@ -35,7 +33,7 @@ public:
     // Empties the output before the capture starts; false with errno set.
     bool TruncateFile();
     void CloseFile();
-    bool IsFileOpen() const { return m_file != nullptr; }
+    bool IsFileOpen() const { return m_fd >= 0; }
     // Short writes to the file (a full disk): the first is reported when it happens, the totals
     // at the end of the run.
     unsigned long long FileWriteFailures() const { return m_writeFailures; }
@@ -45,7 +43,7 @@ public:
 
 private:
     ZlsSocketStream& m_socket;
-    FILE* m_file = nullptr;
+    int m_fd = -1;
     unsigned long long m_writeFailures = 0;
     unsigned long long m_bytesLost = 0;
 };

@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -14,20 +12,13 @@ namespace {
 const unsigned kReadThreadFinishMs = 200;
 // How often a watched port's DSR is looked at: one ioctl, also while data flows.
 const unsigned kPeerCheckMs = 200;
-
-// The time a read waits for data: the terminal's VTIME, which keeps whole deciseconds in one byte.
-int ReadWaitMs(unsigned totalTimeoutMs) {
-    return static_cast<uint8_t>(totalTimeoutMs / 100) * 100;
-}
 } // namespace
 
-ZvItfAsyncSerial::ZvItfAsyncSerial() : m_wakeFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+ZvItfAsyncSerial::ZvItfAsyncSerial() = default;
 
 ZvItfAsyncSerial::~ZvItfAsyncSerial() {
     OnClose();
     m_port.Close();
-    if (m_wakeFd >= 0)
-        close(m_wakeFd);
 }
 
 bool ZvItfAsyncSerial::OnOpen() {
@@ -48,10 +39,7 @@ bool ZvItfAsyncSerial::OnOpen() {
         m_port.SetTotalTimeout(m_totalTimeoutMs);
         opened = m_port.Open(name, m_speed, m_openFlags);
     }
-    uint64_t stale = 0; // a wake-up left by an OnClose from inside a handler
-    while (m_wakeFd >= 0 && read(m_wakeFd, &stale, sizeof(stale)) > 0) {
-    }
-    if (opened && m_wakeFd >= 0 && m_port.SetTotalTimeout(m_totalTimeoutMs) &&
+    if (opened && m_port.SetTotalTimeout(m_totalTimeoutMs) &&
         m_readThread.Create(ReadThreadFunc, this, ZvThread::kManualAck)) {
         m_readThread.WaitForThreadStart(ZvThread::kWaitForever);
         return true;
@@ -71,13 +59,12 @@ void ZvItfAsyncSerial::OnClose() {
     bool reading = true;
     if (!m_reading.compare_exchange_strong(reading, false))
         return;
-    const uint64_t one = 1;
-    (void)!write(m_wakeFd, &one, sizeof(one)); // a waiting reader returns at once
     if (m_readThread.IsCurrentThread()) {
-        // Called from a handler: the reader is not inside poll or read, and ends on its return.
+        // Called from a handler: the reader is not inside a read, and ends on its return.
         m_port.Close();
         return;
     }
+    m_port.InterruptReads(); // a reader waiting in the terminal returns at once
     // A handler in progress finishes its block first; the port closes only once the reader has
     // stopped, so it never reads from a closed (or reused) descriptor.
     if (!m_readThread.WaitForThreadFinish(kReadThreadFinishMs) && m_readThread.IsAlive()) {
@@ -108,27 +95,25 @@ void ZvItfAsyncSerial::ReadLoop() {
     bool lastReadEmpty = false;
     unsigned lastEmptyTick = 0;
     const unsigned fastEmptyMs = m_totalTimeoutMs / 4;
-    const int waitMs = ReadWaitMs(m_totalTimeoutMs);
     while (m_reading) {
-        unsigned got = 0;
-        const WaitResult waited = WaitForInput(waitMs);
-        if (!m_reading)
-            return; // closing: the wake-up, or data that arrived with it
-        if (waited == WaitResult::Woken)
-            continue; // stale wake-up
         CheckPeerReady();
-        if (waited == WaitResult::Failed ||
-            (waited == WaitResult::Ready && !m_port.Read(buffer, sizeof(buffer), got))) {
-            if (m_reading)
-                m_rxHandler->OnRxFail();
-            return;
-        }
-        if (got > 0) {
+        unsigned got = 0;
+        // Returns with what is there, or waits for it at most the terminal's time-out.
+        const ZvSerial::ReadStatus status = m_port.ReadOnce(buffer, sizeof(buffer), got);
+        if (status == ZvSerial::ReadStatus::Data) {
             lastReadEmpty = false;
             m_rxHandler->OnRxData(got, buffer);
             m_bytesReceived.fetch_add(got, std::memory_order_relaxed);
             continue;
         }
+        if (status == ZvSerial::ReadStatus::Failed) {
+            if (m_reading)
+                m_rxHandler->OnRxFail();
+            return;
+        }
+        if (status == ZvSerial::ReadStatus::Interrupted || !m_reading)
+            continue; // a signal, or the wake-up of OnClose: the loop condition decides
+        // An empty read: the time-out passed, or the port gave nothing at once.
         const unsigned now = ZvTime::GetMsTickTime();
         if (lastReadEmpty && ZvTime::DiffMsTime(lastEmptyTick, now) < fastEmptyMs) {
             // An empty read faster than the time-out: the device has gone.
@@ -155,20 +140,4 @@ void ZvItfAsyncSerial::CheckPeerReady() {
         m_rxHandler->OnRxPeerReady();
     else if (!ready)
         m_peerReady = false;
-}
-
-ZvItfAsyncSerial::WaitResult ZvItfAsyncSerial::WaitForInput(int ms) {
-    pollfd fds[2] = {{m_port.GetHandle(), POLLIN, 0}, {m_wakeFd, POLLIN, 0}};
-    int ready = poll(fds, 2, ms);
-    while (ready < 0 && errno == EINTR)
-        ready = poll(fds, 2, ms); // a signal to the process; the wait starts again
-    if (ready < 0 || (fds[0].revents & POLLNVAL))
-        return WaitResult::Failed;
-    if (fds[1].revents != 0) {
-        uint64_t count = 0;
-        (void)!read(m_wakeFd, &count, sizeof(count));
-        return WaitResult::Woken;
-    }
-    // Data, a hang-up or an error: the read tells which.
-    return ready > 0 ? WaitResult::Ready : WaitResult::TimedOut;
 }

@@ -6,13 +6,14 @@
 //   also be called from inside a handler on the read thread; it then does not wait for itself,
 //   and the read thread ends when the handler returns.
 // - The read thread is the only caller of the handler (OnRxData, OnRxFail) and of the port's Read.
-//   It waits in poll() on the port and on a wake descriptor, then reads. A handler must return
-//   quickly: nothing is read while it runs.
-// - OnClose from the owner clears the reading flag and wakes the reader, which ends without
-//   calling the handler again. A block being handled is finished first: OnClose waits up to
-//   200 ms for the reader, terminates it only when that wait fails (a handler that does not
-//   return: its block may be cut short and its locks stay held), and closes the port last, so
-//   the reader never reads from a closed or reused descriptor.
+//   It waits in the read itself, as long as the terminal's time-out (VTIME), so a block costs one
+//   system call however busy or quiet the port is. A handler must return quickly: nothing is read
+//   while it runs.
+// - OnClose from the owner clears the reading flag and wakes the reader (ZvSerial::
+//   InterruptReads), which ends without waiting for its time-out. A block being handled is finished
+//   first: OnClose waits up to 200 ms for the reader, terminates it only when that wait fails (a
+//   handler that does not return: its block may be cut short and its locks stay held), and closes
+//   the port last, so the reader never reads from a closed or reused descriptor.
 // - Send may be called from any thread, concurrently with reading; concurrent Sends are not
 //   serialised here.
 // - The byte totals are each written by one thread (received: the read thread; sent: the sender)
@@ -50,8 +51,8 @@ public:
     virtual bool OnOpen() = 0;
     virtual void OnClose() = 0;
     virtual bool IsOpen() = 0;
-    // Writes synchronously on the caller's thread; the result may be ignored (failures are silent
-    // for the interface's users).
+    // Writes synchronously and whole on the caller's thread; the result may be ignored (failures
+    // are silent for the interface's users).
     virtual bool Send(unsigned int count, unsigned char* data) = 0;
     virtual const char* GetTypeString() const = 0;
 
@@ -124,12 +125,8 @@ public:
     unsigned GetReadThreadTerminations() const { return m_readThreadTerminations; }
 
 private:
-    enum class WaitResult { Ready, TimedOut, Woken, Failed };
-
     static void ReadThreadFunc(ZvThread* thread, void* self);
     void ReadLoop();
-    // Waits up to ms for input on the port or a wake-up from OnClose.
-    WaitResult WaitForInput(int ms);
     // While watched: tells the handler when DSR has risen since the last look.
     void CheckPeerReady();
 
@@ -139,8 +136,6 @@ private:
     unsigned m_openFlags = kDefaultOpenFlags;
     unsigned m_totalTimeoutMs = kDefaultTotalTimeoutMs;
     ZvThread m_readThread;
-    // Written by OnClose to wake the read thread from its wait (an eventfd).
-    int m_wakeFd;
     std::atomic<unsigned> m_readThreadTerminations{0};
     std::atomic<bool> m_watchPeer{false};
     std::atomic<bool> m_peerReady{false};

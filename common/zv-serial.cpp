@@ -200,6 +200,24 @@ bool ZvSerial::Read(unsigned char* buffer, unsigned size, unsigned& got) {
     return true;
 }
 
+ZvSerial::ReadStatus ZvSerial::ReadOnce(unsigned char* buffer, unsigned size, unsigned& got) {
+    got = 0;
+    const int fd = m_fd.load();
+    if (fd < 0)
+        return ReadStatus::Failed;
+    const ssize_t result = read(fd, buffer, size);
+    if (result > 0) {
+        got = static_cast<unsigned>(result);
+        return ReadStatus::Data;
+    }
+    if (result == 0)
+        return ReadStatus::Empty;
+    if (errno == EINTR || errno == EAGAIN || errno == EWOULDBLOCK)
+        return ReadStatus::Interrupted;
+    m_lastError = errno;
+    return ReadStatus::Failed;
+}
+
 bool ZvSerial::Write(const unsigned char* data, unsigned count) {
     const int fd = m_fd.load();
     if (fd < 0)
@@ -210,6 +228,20 @@ bool ZvSerial::Write(const unsigned char* data, unsigned count) {
         return false;
     }
     return static_cast<unsigned>(result) == count;
+}
+
+void ZvSerial::InterruptReads() {
+    const int fd = m_fd.load();
+    if (fd < 0)
+        return;
+    // A terminal read that waits looks at O_NONBLOCK again whenever it is woken, and a change of
+    // settings wakes it, even one that changes nothing.
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags >= 0)
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    termios settings{};
+    if (tcgetattr(fd, &settings) == 0)
+        tcsetattr(fd, TCSANOW, &settings);
 }
 
 void ZvSerial::Close() {

@@ -13,7 +13,8 @@
 // Read is called by one reader thread; Write may be called from other threads at the same time
 // (writes are not serialised here). Close may be called from another thread while a Read is in
 // progress: the descriptor is swapped to -1 before it is closed, so later calls fail cleanly; a
-// Read already blocked in the system returns at the latest when the time-out passes.
+// Read already blocked in the system returns at the latest when the time-out passes, or at once
+// after InterruptReads.
 #pragma once
 
 #include <atomic>
@@ -39,8 +40,17 @@ public:
     // One read of at most size bytes; got is 0 when the time-out passed without data. False when
     // closed or on a read error.
     bool Read(unsigned char* buffer, unsigned size, unsigned& got);
+    // Read, telling why nothing came: Data (got > 0); Empty (the time-out passed, or the device
+    // has gone: a hung-up terminal returns at once); Interrupted (a signal, or InterruptReads);
+    // Failed (closed, or a read error kept in GetLastError()).
+    enum class ReadStatus { Data, Empty, Interrupted, Failed };
+    ReadStatus ReadOnce(unsigned char* buffer, unsigned size, unsigned& got);
     // One write; true only when the whole count was written. Nothing is retried.
     bool Write(const unsigned char* data, unsigned count);
+    // For closing from another thread: a Read or Write waiting in the terminal returns at once,
+    // and later ones do not wait. The descriptor is made non-blocking and the terminal's settings
+    // are applied again unchanged, which wakes whatever waits in it.
+    void InterruptReads();
     void Close();
 
     // The modem lines (TIOCM_ bits) of a port that has them, such as a USB ACM port, whose DSR

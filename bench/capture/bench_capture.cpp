@@ -1,14 +1,18 @@
 // bench_capture [MiB per run] [rounds]
+// (ZAVRA_BENCH_TOOL=<path> measures another build of the tool, for a before-and-after.)
 //
 // Floods a pseudo-terminal with a fixed pseudo-random stream and lets either `cat` (stdin on the
 // pty slave in raw mode, stdout to a file) or zavra_log_serial (-d on the slave) copy it to a file,
 // alternately, several rounds. For each reader: wall time until the file holds every byte,
 // throughput, CPU seconds and peak RSS of the reader process (wait4), and a byte-for-byte compare
-// of the file with the stream. The tool runs twice per round: alone, and serving a TCP client that
-// connects and never reads (whose queue fills and then drops), to show that a stuck client costs
-// the capture nothing. Then the latency of a byte from the pty to the tool's TCP client, and a
-// client behind a link that stalls 500 ms every 2 s while the pty carries 2 MB/s, whose copy of
-// the stream must be byte-exact.
+// of the file with the stream. The tool runs three times per round: alone; serving a TCP client
+// that reads everything (whose copy is checked too); and serving one that connects and never
+// reads (whose queue fills and then drops), to show that a stuck client costs the capture
+// nothing. The figures are medians of the runs, and ratios to cat are taken round by round, so
+// that a machine whose load changes weighs on both sides alike. Then one more run of each reader
+// with its system calls counted (perf's counters, or strace), the latency of a byte from the pty
+// to the tool's TCP client, and a client behind a link that stalls 500 ms every 2 s while the pty
+// carries 2 MB/s, whose copy of the stream must be byte-exact.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -35,37 +39,52 @@
 #include <vector>
 
 #include "bench_pattern.h"
-
-extern char** environ;
+#include "bench_syscalls.h"
 
 namespace {
 
 using namespace bench;
 
-// The same pattern checked byte by byte against reads of any size.
+// The same pattern checked against reads of any size.
 struct PatternCheck {
     Pattern pattern;
     std::vector<unsigned char> block = std::vector<unsigned char>(kBlock);
     size_t at = kBlock;
     bool Matches(const unsigned char* data, size_t size) {
         bool same = true;
-        for (size_t i = 0; i < size; ++i) {
+        while (size > 0) {
             if (at == kBlock) {
                 pattern.Fill(block.data(), kBlock);
                 at = 0;
             }
-            same = same && block[at++] == data[i];
+            const size_t n = std::min(size, kBlock - at);
+            same = same && memcmp(block.data() + at, data, n) == 0;
+            at += n;
+            data += n;
+            size -= n;
         }
         return same;
     }
 };
+
+// The tool under test: the one built beside this benchmark, unless ZAVRA_BENCH_TOOL names another.
+const char* ToolPath() {
+    const char* other = getenv("ZAVRA_BENCH_TOOL");
+    return other != nullptr && *other != '\0' ? other : ZAVRA_LOG_SERIAL_PATH;
+}
+
+enum Reader { kCat, kTool, kToolClient, kToolStuckClient, kReaders };
+const char* const kReaderNames[kReaders] = {"cat", "tool", "tool+client", "tool+stuck client"};
 
 struct RunResult {
     double seconds = 0;
     double cpu = 0;
     long maxRssKiB = 0;
     bool identical = false;
-    uint64_t bytes = 0;
+    // The client that reads everything: what it got, and whether that was the whole stream.
+    uint64_t clientBytes = 0;
+    bool clientExact = false;
+    bench::SyscallCounts syscalls;
 };
 
 // The peak resident set of a running process (VmHWM), in KiB; 0 when unknown.
@@ -160,30 +179,45 @@ void DrainMaster(int master, std::atomic<bool>& stop, std::atomic<uint64_t>& see
 int FreePort();
 int ConnectLoopback(int port);
 
-// `idleClient`: the tool serves a TCP client that never reads.
-RunResult RunOne(bool tool, bool idleClient, uint64_t total, const std::string& dir, int round) {
+// Reads the tool's TCP stream until `total` bytes or the end, checking it against the pattern.
+void ReadClient(int client, uint64_t total, std::atomic<uint64_t>& received,
+                std::atomic<bool>& same) {
+    PatternCheck want;
+    std::vector<unsigned char> buffer(kBlock);
+    while (received < total) {
+        const ssize_t n = read(client, buffer.data(), buffer.size());
+        if (n <= 0)
+            break;
+        same = want.Matches(buffer.data(), static_cast<size_t>(n)) && same;
+        received += static_cast<uint64_t>(n);
+    }
+}
+
+// One reader copies a flood of `total` bytes; with `countSyscalls` its system calls are counted
+// from the start of the flood to its end.
+RunResult RunOne(Reader reader, uint64_t total, const std::string& dir, const std::string& tag,
+                 bool countSyscalls) {
     RunResult result;
-    result.bytes = total;
     int master = -1, slave = -1;
     std::string slaveName;
     if (!OpenRawPty(master, slave, slaveName)) {
         perror("openpty");
         exit(1);
     }
-    std::string out = dir + "/" + (tool ? "tool" : "cat") + std::to_string(round) +
-                      (idleClient ? "c" : "") + ".bin";
+    const std::string out = dir + "/" + std::to_string(reader) + "-" + tag + ".bin";
     unlink(out.c_str());
 
     std::atomic<bool> stopDrain{false};
     std::atomic<uint64_t> upBytes{0};
+    const bool withClient = reader == kToolClient || reader == kToolStuckClient;
     pid_t pid;
     int port = -1, client = -1;
-    if (tool) {
+    if (reader != kCat) {
         // The tool opens the slave itself; it must be the only opener.
         close(slave);
         slave = -1;
-        std::vector<std::string> args = {ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1"};
-        if (idleClient) {
+        std::vector<std::string> args = {ToolPath(), "-d" + slaveName, "-t", "-v1"};
+        if (withClient) {
             port = FreePort();
             args.push_back("-p" + std::to_string(port));
         }
@@ -198,19 +232,27 @@ RunResult RunOne(bool tool, bool idleClient, uint64_t total, const std::string& 
         fprintf(stderr, "cannot start the reader\n");
         exit(1);
     }
-    if (idleClient)
+    if (withClient)
         client = ConnectLoopback(port); // the tool waits for it before it opens the port
+    std::atomic<uint64_t> clientBytes{0};
+    std::atomic<bool> clientSame{true};
+    std::thread clientReader;
+    if (reader == kToolClient)
+        clientReader =
+            std::thread(ReadClient, client, total, std::ref(clientBytes), std::ref(clientSame));
     std::thread drain(DrainMaster, master, std::ref(stopDrain), std::ref(upBytes));
-    if (tool) {
+    if (reader != kCat) {
         // Start the flood once the tool has opened the channel (its 124 start-up bytes).
         auto deadline = Clock::now() + std::chrono::seconds(20);
         while (upBytes < 124 && Clock::now() < deadline)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
+    bench::SyscallCounter counter;
+    if (countSyscalls && !counter.Attach(pid, out + ".syscalls"))
+        fprintf(stderr, "cannot count system calls\n");
 
     Pattern pattern;
     std::vector<unsigned char> block(kBlock);
-    std::atomic<bool> writing{true};
     auto start = Clock::now();
     std::thread writer([&] {
         uint64_t done = 0;
@@ -221,26 +263,39 @@ RunResult RunOne(bool tool, bool idleClient, uint64_t total, const std::string& 
                 break;
             done += n;
         }
-        writing = false;
     });
     auto deadline = Clock::now() + std::chrono::seconds(600);
     while (FileSize(out) < static_cast<long long>(total) && Clock::now() < deadline)
         std::this_thread::sleep_for(std::chrono::microseconds(500));
-    result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    auto end = Clock::now();
+    // A client that fell too far behind has lost whole chunks and never gets `total` bytes: it
+    // is done once nothing has come for a second.
+    uint64_t clientBefore = clientBytes;
+    for (auto quiet = Clock::now(); reader == kToolClient && clientBytes < total &&
+                                    Clock::now() - quiet < std::chrono::seconds(1);) {
+        std::this_thread::sleep_for(std::chrono::microseconds(500));
+        if (clientBytes != clientBefore) {
+            clientBefore = clientBytes;
+            quiet = end = Clock::now();
+        }
+    }
+    result.seconds = std::chrono::duration<double>(end - start).count();
     writer.join();
+    if (countSyscalls)
+        result.syscalls = counter.Detach();
     // Taken from the live process: the exit path's own allocations are not part of the capture.
     result.maxRssKiB = PeakRssKiB(pid);
 
-    if (tool) {
-        kill(pid, SIGINT);
-    } else {
-        kill(pid, SIGTERM);
-    }
+    kill(pid, reader != kCat ? SIGINT : SIGTERM);
     int status = 0;
     rusage usage{};
     wait4(pid, &status, 0, &usage);
     stopDrain = true;
     drain.join();
+    if (client >= 0)
+        shutdown(client, SHUT_RDWR); // a client reader that fell short ends here
+    if (clientReader.joinable())
+        clientReader.join();
     if (slave >= 0)
         close(slave);
     if (client >= 0)
@@ -249,6 +304,8 @@ RunResult RunOne(bool tool, bool idleClient, uint64_t total, const std::string& 
     result.cpu = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
                  static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     result.identical = Compare(out, total);
+    result.clientBytes = clientBytes;
+    result.clientExact = clientSame && clientBytes == total;
     unlink(out.c_str());
     return result;
 }
@@ -290,9 +347,8 @@ void MeasureLatency(const std::string& dir, int samples) {
     close(slave);
     int port = FreePort();
     std::string out = dir + "/latency.bin";
-    pid_t pid = Spawn(
-        {ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1", "-p" + std::to_string(port), out},
-        -1, -1);
+    pid_t pid = Spawn({ToolPath(), "-d" + slaveName, "-t", "-v1", "-p" + std::to_string(port), out},
+                      -1, -1);
     int client = ConnectLoopback(port);
     std::atomic<bool> stopDrain{false};
     std::atomic<uint64_t> upBytes{0};
@@ -358,9 +414,8 @@ bool MeasurePausedClient(const std::string& dir, int seconds) {
     close(slave);
     const int port = FreePort();
     const std::string out = dir + "/paused.bin";
-    pid_t pid = Spawn(
-        {ZAVRA_LOG_SERIAL_PATH, "-d" + slaveName, "-t", "-v1", "-p" + std::to_string(port), out},
-        -1, -1);
+    pid_t pid = Spawn({ToolPath(), "-d" + slaveName, "-t", "-v1", "-p" + std::to_string(port), out},
+                      -1, -1);
     int client = ConnectLoopback(port);
     int small = 65536; // a modest window, so that each stall reaches back to the tool
     setsockopt(client, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
@@ -424,63 +479,122 @@ bool MeasurePausedClient(const std::string& dir, int seconds) {
     return exact;
 }
 
+std::string LoadAverage() {
+    char text[64] = "";
+    FILE* f = fopen("/proc/loadavg", "r");
+    if (f != nullptr && fgets(text, sizeof text, f) != nullptr) {
+        // The 1, 5 and 15 minute averages.
+        char* cut = text;
+        for (int fields = 0; *cut != '\0' && fields < 3; ++cut)
+            fields += *cut == ' ';
+        *(cut > text ? cut - 1 : cut) = '\0';
+    }
+    if (f != nullptr)
+        fclose(f);
+    return text;
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    const size_t n = values.size();
+    return n == 0 ? 0 : n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
+}
+
+void PrintSyscalls(const char* name, const bench::SyscallCounts& c, double mib) {
+    if (!c.counted) {
+        printf("  %-18s not counted\n", name);
+        return;
+    }
+    printf("  %-18s %7.0f   (read %.0f, write %.0f, poll %.0f, futex %.0f, send %.0f)\n", name,
+           c.total / mib, c.read / mib, c.write / mib, c.poll / mib, c.futex / mib, c.send / mib);
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     uint64_t mib = argc > 1 ? strtoull(argv[1], nullptr, 0) : 256;
-    int rounds = argc > 2 ? atoi(argv[2]) : 2;
+    int rounds = argc > 2 ? atoi(argv[2]) : 3;
     uint64_t total = mib << 20;
     char dirTemplate[] = "/tmp/bench_capture_XXXXXX";
     if (mkdtemp(dirTemplate) == nullptr)
         return 1;
     std::string dir = dirTemplate;
     signal(SIGPIPE, SIG_IGN);
+    const std::string loadBefore = LoadAverage();
 
-    // Three readers per round, in turn: cat, the tool alone, the tool with a client that never
-    // reads.
-    const char* const names[] = {"cat", "tool", "tool+stuck client"};
-    RunResult sums[3];
-    std::vector<double> rates[3];
-    long rss[3] = {0, 0, 0};
+    std::vector<double> rate[kReaders], cpu[kReaders];
+    std::vector<double> rateToCat[kReaders], cpuToCat[kReaders], rateToTool[kReaders],
+        cpuToTool[kReaders];
+    long rss[kReaders] = {};
     bool allSame = true;
+    bool clientExact = true;
     for (int round = 0; round < rounds; ++round) {
-        for (int which = 0; which < 3; ++which) {
-            RunResult r = RunOne(which != 0, which == 2, total, dir, round);
-            const double rate = static_cast<double>(total) / (1 << 20) / r.seconds;
-            printf("round %d %-17s %6.1f MiB/s  cpu %5.2f s  rss %5ld KiB  %s\n", round,
-                   names[which], rate, r.cpu, r.maxRssKiB, r.identical ? "identical" : "DIFFERENT");
+        RunResult r[kReaders];
+        for (int which = 0; which < kReaders; ++which) {
+            r[which] = RunOne(static_cast<Reader>(which), total, dir, std::to_string(round), false);
+            rate[which].push_back(static_cast<double>(total) / (1 << 20) / r[which].seconds);
+            cpu[which].push_back(r[which].cpu);
+            rss[which] = std::max(rss[which], r[which].maxRssKiB);
+            allSame = allSame && r[which].identical;
+            printf("round %d %-17s %6.1f MiB/s  cpu %5.2f s  rss %5ld KiB  %s", round,
+                   kReaderNames[which], rate[which].back(), r[which].cpu, r[which].maxRssKiB,
+                   r[which].identical ? "identical" : "DIFFERENT");
+            if (which == kToolClient) {
+                clientExact = clientExact && r[which].clientExact;
+                if (r[which].clientExact)
+                    printf(", client: all in order");
+                else
+                    printf(", client: %.1f%% (chunks dropped for it)",
+                           100.0 * static_cast<double>(r[which].clientBytes) / total);
+            }
+            printf("\n");
             fflush(stdout);
-            rates[which].push_back(rate);
-            sums[which].seconds += r.seconds;
-            sums[which].cpu += r.cpu;
-            rss[which] = std::max(rss[which], r.maxRssKiB);
-            allSame = allSame && r.identical;
+        }
+        for (int which = 0; which < kReaders; ++which) {
+            rateToCat[which].push_back(rate[which].back() / rate[kCat].back());
+            cpuToCat[which].push_back(cpu[which].back() / cpu[kCat].back());
+            rateToTool[which].push_back(rate[which].back() / rate[kTool].back());
+            cpuToTool[which].push_back(cpu[which].back() / cpu[kTool].back());
         }
     }
-    double total3[3], median[3];
-    for (int which = 0; which < 3; ++which) {
-        total3[which] = static_cast<double>(total) * rounds / sums[which].seconds / (1 << 20);
-        // The machine may be shared: the medians of the single runs are steadier than the totals.
-        std::sort(rates[which].begin(), rates[which].end());
-        median[which] = rates[which][rates[which].size() / 2];
-    }
-    printf("\n%llu MiB x %d rounds each\n", static_cast<unsigned long long>(mib), rounds);
-    printf("throughput: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f (aim >= 0.95)\n", total3[1],
-           total3[0], total3[1] / total3[0]);
-    printf("median run: tool %.1f MiB/s, cat %.1f MiB/s, ratio %.3f\n", median[1], median[0],
-           median[1] / median[0]);
-    printf("stuck client: median %.1f MiB/s against %.1f MiB/s alone, ratio %.3f (aim >= 0.95); "
-           "totals ratio %.3f\n",
-           median[2], median[1], median[2] / median[1], total3[2] / total3[1]);
-    printf("cpu: tool %.2f s, cat %.2f s, ratio %.3f (aim <= 1.5); with the stuck client %.2f s, "
-           "ratio %.3f to the tool alone\n",
-           sums[1].cpu, sums[0].cpu, sums[1].cpu / sums[0].cpu, sums[2].cpu,
-           sums[2].cpu / sums[1].cpu);
-    printf("peak rss: tool %ld KiB, cat %ld KiB (aim < 4096 KiB); with the stuck client %ld KiB "
+    const std::string loadAfter = LoadAverage();
+
+    printf("\n%llu MiB per run, %d alternating rounds; load average %s before, %s after "
+           "(2 cores)\n",
+           static_cast<unsigned long long>(mib), rounds, loadBefore.c_str(), loadAfter.c_str());
+    printf("  %-18s %8s %8s %10s\n", "median of runs", "MiB/s", "cpu s", "peak rss");
+    for (int which = 0; which < kReaders; ++which)
+        printf("  %-18s %8.1f %8.3f %6ld KiB\n", kReaderNames[which], Median(rate[which]),
+               Median(cpu[which]), rss[which]);
+    printf("tool / cat (median of the per-round ratios): throughput %.3f (aim >= 0.98), cpu %.3f "
+           "(aim <= 1.05); peak rss %ld KiB against %ld KiB (aim <= 2765 KiB)\n",
+           Median(rateToCat[kTool]), Median(cpuToCat[kTool]), rss[kTool], rss[kCat]);
+    printf("tool+client / cat: throughput %.3f, cpu %.3f; %s\n", Median(rateToCat[kToolClient]),
+           Median(cpuToCat[kToolClient]),
+           clientExact ? "its client got every byte in order"
+                       : "its client fell behind and lost chunks in some runs");
+    printf("tool+stuck client / tool: throughput %.3f (aim >= 0.95), cpu %.3f; peak rss %ld KiB "
            "(its queue holds up to 4096 KiB)\n",
-           rss[1], rss[0], rss[2]);
+           Median(rateToTool[kToolStuckClient]), Median(cpuToTool[kToolStuckClient]),
+           rss[kToolStuckClient]);
     printf("bytes compared: %llu per run, %s\n", static_cast<unsigned long long>(total),
            allSame ? "all identical" : "MISMATCH");
+
+    // Counting slows a reader a little (strace a lot): one separate run each, not timed.
+    const std::string counter = bench::SyscallCounter::Available();
+    if (counter.empty()) {
+        printf("system calls: not counted (neither perf nor strace can attach here)\n");
+    } else {
+        const uint64_t countMiB = std::min<uint64_t>(mib, 64);
+        printf("system calls per MiB (%s, one run of %llu MiB each):\n", counter.c_str(),
+               static_cast<unsigned long long>(countMiB));
+        for (Reader which : {kCat, kTool, kToolClient, kToolStuckClient}) {
+            RunResult r = RunOne(which, countMiB << 20, dir, "count", true);
+            allSame = allSame && r.identical;
+            PrintSyscalls(kReaderNames[which], r.syscalls, static_cast<double>(countMiB));
+        }
+    }
+    fflush(stdout);
     const bool pausedSame = MeasurePausedClient(dir, 12);
     allSame = allSame && pausedSame;
     MeasureLatency(dir, 500);

@@ -169,6 +169,48 @@ TEST(SendQueue, StopFlushesToAReadingPeerAndCountsWhatAStalledPeerLeft) {
     }
 }
 
+// A peer that reads slowly keeps the queue from emptying, so its backlog runs round the end of the
+// ring many times over; the peer gets exactly the chunks that were queued, in order.
+TEST(SendQueue, ABacklogThatRunsRoundTheRingStaysExact) {
+    Link link;
+    ZvSendQueue queue(kLimit);
+    ASSERT_TRUE(queue.Start(link.near));
+    std::atomic<bool> done{false};
+    std::string got;
+    std::thread reader([&] {
+        char buffer[3000];
+        while (!done) {
+            const ssize_t n = recv(link.far, buffer, sizeof buffer, MSG_DONTWAIT);
+            if (n > 0)
+                got.append(buffer, static_cast<size_t>(n));
+            ZvTime::Sleep(1);
+        }
+    });
+    std::string queued;
+    size_t queuedBehindOthers = 0;
+    for (unsigned n = 0; queuedBehindOthers < 4 * kLimit; ++n) {
+        ASSERT_LT(n, 20000u) << "the queue never held a backlog";
+        // Sizes that do not divide the ring, so that chunks straddle its end.
+        std::vector<unsigned char> chunk = Chunk(n);
+        chunk.resize(3000 + n * 1237 % 4000);
+        const bool behindOthers = queue.QueuedBytes() != 0;
+        const ZvSendQueue::PushResult result =
+            queue.Push(chunk.data(), static_cast<unsigned>(chunk.size()));
+        if (result == ZvSendQueue::kQueued || result == ZvSendQueue::kResumed) {
+            queued.append(chunk.begin(), chunk.end());
+            queuedBehindOthers += behindOthers ? chunk.size() : 0;
+        }
+        ZvTime::Sleep(1);
+    }
+    const uint64_t droppedBeforeStop = queue.DroppedBytes();
+    queue.Stop(3000);
+    done = true;
+    reader.join();
+    got += link.ReadUntilQuiet();
+    EXPECT_EQ(got.size() + (queue.DroppedBytes() - droppedBeforeStop), queued.size());
+    EXPECT_TRUE(queued.compare(0, got.size(), got) == 0) << "delivered in order";
+}
+
 TEST(SendQueue, NoPeerOrAGonePeerQueuesAndCountsNothingAndAnOversizedChunkIsDropped) {
     ZvSendQueue idle(kLimit);
     EXPECT_EQ(idle.Push(Chunk(0).data(), kChunk), ZvSendQueue::kNotSending);

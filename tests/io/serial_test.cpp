@@ -5,8 +5,10 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -39,6 +41,11 @@ struct Pty {
         }
     }
 };
+
+// The byte at position i of the test streams.
+unsigned char Flow(size_t i) {
+    return static_cast<unsigned char>(i * 7 + i / 256);
+}
 
 struct Recorder : ZvItfAsyncRxHandlers {
     std::vector<unsigned char> bytes; // written by the read thread only; `got` publishes it
@@ -179,11 +186,11 @@ TEST(Serial, ASecondOpenOfALockedPortFailsAndLeavesTheFirstAlone) {
 
 TEST_F(ItfSerial, DeliversEveryByteSendsUnchangedAndFailsOnceOnHangUp) {
     ASSERT_TRUE(itf.OnOpen());
-    // Every byte value, including the ones a cooked terminal would swallow or translate; the
-    // tool's capture tests send the volume.
-    std::vector<unsigned char> sent(25000);
+    // Every byte value, including the ones a cooked terminal would swallow or translate, in a
+    // burst of many read blocks that the reader takes one after the other without waiting.
+    std::vector<unsigned char> sent(1 << 20);
     for (size_t i = 0; i < sent.size(); ++i)
-        sent[i] = static_cast<unsigned char>(i * 7 + i / 256);
+        sent[i] = Flow(i);
     pty.WriteAll(sent.data(), sent.size());
     ASSERT_TRUE(WaitUntil([&] { return recorder.got >= sent.size(); }, 10000, 2));
     ZvTime::Sleep(500); // idle reads time out every 200 ms: no failure, no stray bytes
@@ -197,6 +204,28 @@ TEST_F(ItfSerial, DeliversEveryByteSendsUnchangedAndFailsOnceOnHangUp) {
     unsigned char back[16];
     ASSERT_EQ(static_cast<ssize_t>(sizeof(out)), read(pty.master, back, sizeof(back)));
     EXPECT_EQ(0, memcmp(out, back, sizeof(out)));
+
+    // More than the terminal holds goes out whole: the send waits for room as the far end reads.
+    std::vector<unsigned char> big(sent.begin(), sent.begin() + (256 << 10));
+    std::atomic<bool> sentWhole{false};
+    std::thread sender(
+        [&] { sentWhole = itf.Send(static_cast<unsigned>(big.size()), big.data()); });
+    ZvTime::Sleep(100);
+    std::vector<unsigned char> arrived(big.size());
+    for (size_t at = 0; at < arrived.size();) {
+        pollfd in = {pty.master, POLLIN, 0};
+        const ssize_t n = poll(&in, 1, 5000) == 1
+                              ? read(pty.master, arrived.data() + at, arrived.size() - at)
+                              : 0;
+        if (n <= 0) {
+            ADD_FAILURE() << "the send stopped after " << at << " bytes";
+            break;
+        }
+        at += static_cast<size_t>(n);
+    }
+    sender.join();
+    EXPECT_TRUE(sentWhole.load());
+    EXPECT_TRUE(arrived == big);
 
     // Drained, then hung up: one failure, however long the reader is left alone.
     close(pty.master);
@@ -245,6 +274,51 @@ TEST_F(ItfSerial, CloseFromOwnerAndFromHandlerAndFastEmptyReads) {
     EXPECT_EQ(recorder.entered.load(), recorder.blocks.load());
     EXPECT_EQ(recorder.got.load(), itf.GetBytesReceived());
     EXPECT_EQ(0u, itf.GetReadThreadTerminations());
+
+    // Closing while the port is flooded: the reader, which does not wait between blocks then,
+    // still stops at once and keeps every block it took, in order.
+    recorder.holdMs = 0;
+    recorder.bytes.clear();
+    recorder.got = 0;
+    ASSERT_TRUE(itf.OnOpen());
+    std::atomic<bool> flooding{true};
+    std::thread flood([&] {
+        fcntl(pty.master, F_SETFL, fcntl(pty.master, F_GETFL) | O_NONBLOCK);
+        std::vector<unsigned char> chunk(4096);
+        for (size_t next = 0; flooding;) {
+            for (size_t i = 0; i < chunk.size(); ++i)
+                chunk[i] = Flow(next + i);
+            const ssize_t n = write(pty.master, chunk.data(), chunk.size());
+            next += n > 0 ? static_cast<size_t>(n) : 0;
+        }
+        fcntl(pty.master, F_SETFL, fcntl(pty.master, F_GETFL) & ~O_NONBLOCK);
+    });
+    ASSERT_TRUE(WaitUntil([&] { return recorder.got.load() > (256u << 10); }, 5000, 2));
+    start = ZvTime::GetMsTickTime();
+    itf.OnClose();
+    EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u);
+    flooding = false;
+    flood.join();
+    EXPECT_EQ(0u, itf.GetReadThreadTerminations());
+    EXPECT_EQ(recorder.got.load(), recorder.bytes.size());
+    size_t firstWrong = 0;
+    while (firstWrong < recorder.bytes.size() && recorder.bytes[firstWrong] == Flow(firstWrong))
+        ++firstWrong;
+    EXPECT_EQ(recorder.bytes.size(), firstWrong) << "a byte out of order";
+
+    // A send stuck on a far end that reads nothing gives up when the port is closed.
+    ASSERT_TRUE(itf.OnOpen());
+    std::vector<unsigned char> big(1 << 20, 0x5a);
+    std::atomic<int> sendResult{-1};
+    std::thread sender(
+        [&] { sendResult = itf.Send(static_cast<unsigned>(big.size()), big.data()); });
+    ZvTime::Sleep(100);
+    EXPECT_EQ(-1, sendResult.load()) << "the send should be waiting for room";
+    itf.OnClose();
+    EXPECT_TRUE(WaitUntil([&] { return sendResult.load() != -1; }, 1000, 2));
+    sender.join();
+    EXPECT_EQ(0, sendResult.load());
+    tcflush(pty.master, TCIOFLUSH);
 
     // Last resort: a handler that never returns is terminated after the wait.
     int stuck[2];
