@@ -19,7 +19,6 @@
 #include <poll.h>
 #include <pty.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -39,6 +38,7 @@
 #include <vector>
 
 #include "bench_pattern.h"
+#include "bench_spawn.h"
 #include "bench_syscalls.h"
 
 namespace {
@@ -122,26 +122,6 @@ bool Compare(const std::string& path, uint64_t total) {
     same = same && fgetc(f) == EOF;
     fclose(f);
     return same;
-}
-
-pid_t Spawn(const std::vector<std::string>& args, int stdinFd, int stdoutFd) {
-    std::vector<char*> argv;
-    for (const std::string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    if (stdinFd >= 0)
-        posix_spawn_file_actions_adddup2(&actions, stdinFd, 0);
-    if (stdoutFd >= 0)
-        posix_spawn_file_actions_adddup2(&actions, stdoutFd, 1);
-    // The readers' own messages would mix with the figures.
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-        pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
 }
 
 // A raw pty; the caller owns both descriptors (slave -1 when not wanted open).

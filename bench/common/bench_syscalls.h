@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -18,7 +17,7 @@
 #include <string>
 #include <vector>
 
-extern char** environ;
+#include "bench_spawn.h"
 
 namespace bench {
 
@@ -89,19 +88,12 @@ private:
         return "";
     }
 
+    // Runs a counter with its report in a file, nothing on the terminal.
     static pid_t Run(const std::vector<std::string>& args) {
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        pid_t pid = -1;
-        if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
+        const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        const pid_t pid = Spawn(args, -1, null);
+        if (null >= 0)
+            close(null);
         return pid;
     }
 

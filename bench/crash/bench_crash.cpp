@@ -11,7 +11,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -30,8 +29,7 @@
 #include "zv-file-util.h"
 
 #include "bench_pattern.h"
-
-extern char** environ;
+#include "bench_spawn.h"
 
 namespace {
 
@@ -177,10 +175,9 @@ Run RunCat(const std::string& dir, uint64_t size) {
     Pty pty;
     const std::string out = dir + "/cat.out";
     const std::string script = "stty raw -echo <\"$0\" && exec cat <\"$0\" >\"$1\"";
-    const char* argv[] = {"sh", "-c", script.c_str(), pty.name, out.c_str(), nullptr};
-    pid_t pid = -1;
+    const pid_t pid = bench::Spawn({"sh", "-c", script, pty.name, out});
     Run run;
-    if (posix_spawnp(&pid, "sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
+    if (pid < 0)
         return run;
     // cat is reading once stty has set the terminal raw: wait for it before writing.
     for (int i = 0; i < 500; ++i) {

@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <pty.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -32,7 +31,7 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
+#include "bench_spawn.h"
 
 namespace {
 
@@ -135,21 +134,6 @@ long PeakRssKiB(pid_t pid) {
     return kib;
 }
 
-pid_t Spawn(const std::vector<std::string>& args) {
-    std::vector<char*> argv;
-    for (const std::string& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    pid_t pid = -1;
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-        pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
 // Reads what the tool sends down (its start-up messages, a host time per segment) so that the
 // pty never fills in that direction; `seen` counts the bytes.
 void DrainMaster(int master, std::atomic<bool>& stop, std::atomic<long long>& seen) {
@@ -207,7 +191,7 @@ Result RunOnce(Kind kind, long long size, const std::string& work) {
     std::atomic<bool> stop{false};
     std::atomic<long long> seen{0};
     std::thread drain(DrainMaster, master, std::ref(stop), std::ref(seen));
-    pid_t pid = Spawn(args);
+    pid_t pid = bench::Spawn(args);
     if (pid < 0) {
         perror("posix_spawn");
         exit(1);

@@ -7,7 +7,6 @@
 // program (sampled from /proc while it runs); the export's peak RSS also for a capture of a
 // sixteenth of the size, which shows that memory does not grow with the input.
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,9 +21,8 @@
 #include <vector>
 
 #include "bench_pattern.h"
+#include "bench_spawn.h"
 #include "quzol-write.h"
-
-extern char** environ;
 
 namespace {
 
@@ -88,20 +86,14 @@ long PeakKiB(pid_t pid, long seen) {
 
 // Runs `args` with standard output to `out`; its wall time and peak RSS (sampled every 2 ms).
 Run Spawn(const std::vector<std::string>& args, const std::string& out) {
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::vector<char*> argv;
-    for (const std::string& a : args)
-        argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
     Run run;
-    pid_t pid = 0;
+    const int outFd = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (outFd < 0)
+        return run;
     const auto start = std::chrono::steady_clock::now();
-    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0)
+    const pid_t pid = bench::Spawn(args, -1, outFd);
+    close(outFd);
+    if (pid < 0)
         return run;
     int status = 0;
     // Sampled until the child has ended, but left unreaped so that its /proc entry stays.

@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "bench_pattern.h"
+#include "bench_spawn.h"
 
 namespace {
 
@@ -67,25 +68,6 @@ uint64_t IntactPrefix(const std::string& path, uint64_t total) {
     return same;
 }
 
-pid_t Spawn(const std::vector<std::string>& args, int in, int out) {
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (in >= 0)
-            dup2(in, 0);
-        if (out >= 0)
-            dup2(out, 1);
-        int null = open("/dev/null", O_WRONLY);
-        dup2(null, 2);
-        std::vector<char*> argv;
-        for (const std::string& a : args)
-            argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    return pid;
-}
-
 // One trial: `seconds` of the stream at `rate` bytes a second; returns the bytes missing (at
 // least 1 when the capture is not the stream).
 uint64_t Trial(const std::string& gadgetTty, bool tool, uint64_t rate, double seconds) {
@@ -113,7 +95,8 @@ uint64_t Trial(const std::string& gadgetTty, bool tool, uint64_t rate, double se
     });
     pid_t pid;
     if (tool) {
-        pid = Spawn({ZAVRA_LOG_SERIAL_PATH, std::string("-d") + kPort, "-t", "-v1", out}, -1, -1);
+        pid = bench::Spawn({ZAVRA_LOG_SERIAL_PATH, std::string("-d") + kPort, "-t", "-v1", out}, -1,
+                           -1);
         // The stream starts once the tool has opened the channel (its 124 start-up bytes).
         auto deadline = Clock::now() + std::chrono::seconds(10);
         while (up < 124 && Clock::now() < deadline)
@@ -122,7 +105,7 @@ uint64_t Trial(const std::string& gadgetTty, bool tool, uint64_t rate, double se
         int port = open(kPort, O_RDONLY | O_NOCTTY);
         Raw(port, 1);
         int file = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid = Spawn({"cat"}, port, file);
+        pid = bench::Spawn({"cat"}, port, file);
         close(port);
         close(file);
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
