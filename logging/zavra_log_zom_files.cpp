@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstring>
+#include <string>
 
 #include "zv-file-find.h"
 #include "zv-file-util.h"
@@ -33,14 +34,31 @@ ZvAString LogOf(const ZvAString& path) {
     return name;
 }
 
+// A log segment's number read as a number ("_1000" follows "_999", which a byte order would not);
+// -1 for a file named otherwise.
+long long SegmentNumber(const ZvAString& path) {
+    const ZvAString name = FileName(path);
+    const size_t digitsAt = kLogNameLength + 1, suffix = strlen(".zom");
+    if (name.compare(0, strlen(kLogPrefix), kLogPrefix) != 0 || !name.EndsWith(".zom") ||
+        name.size() <= digitsAt + suffix || name[kLogNameLength] != '_')
+        return -1;
+    const std::string digits = name.substr(digitsAt, name.size() - digitsAt - suffix);
+    if (digits.size() > 9 || digits.find_first_not_of("0123456789") != std::string::npos)
+        return -1;
+    return std::stoll(digits);
+}
+
 // The order of the files found at start-up: by log (its name carries its start time, most
-// significant first), within a log its files before its crash bundle, then by name.
+// significant first), within a log its segments by number, then its crash bundle.
 bool OlderThan(const std::unique_ptr<ZlZomLogFile>& a, const std::unique_ptr<ZlZomLogFile>& b) {
     const int byLog = LogOf(a->m_path).compare(LogOf(b->m_path));
     if (byLog != 0)
         return byLog < 0;
     if (a->m_crash != b->m_crash)
         return !a->m_crash;
+    const long long numberA = SegmentNumber(a->m_path), numberB = SegmentNumber(b->m_path);
+    if (numberA >= 0 && numberB >= 0 && numberA != numberB)
+        return numberA < numberB;
     return a->m_path.compare(b->m_path) < 0;
 }
 

@@ -167,3 +167,22 @@ TEST(DaemonStoreRepeatedName, SecondLogInTheSameSecondKeepsItsFirstSegmentWithou
     }
     GTEST_SKIP() << "every attempt crossed a second boundary";
 }
+
+// A long log's numbers pass 999: at a restart whose budget makes room, the oldest go, not the
+// newest ("_1000" sorts before "_988" byte by byte).
+TEST(DaemonStoreRepeatedName, ARestartPastSegment999DeletesTheOldestSegments) {
+    Store store;
+    for (unsigned number = 988; number <= 1003; ++number) {
+        char name[64];
+        snprintf(name, sizeof name, "daemon_21-01-01_00-00-00_%03u.zom", number);
+        zavra_test::WriteFile(store.File(name), std::string(1000, 'a'));
+    }
+    ASSERT_TRUE(store.Start(8000, 1000));
+    store.Feed(MakeStream(500), 500);
+    std::vector<std::string> kept;
+    for (const std::string& name : store.Order())
+        if (name.compare(0, 24, "daemon_21-01-01_00-00-00") == 0)
+            kept.push_back(name.substr(25, name.size() - 29));
+    EXPECT_EQ(kept,
+              (std::vector<std::string>{"997", "998", "999", "1000", "1001", "1002", "1003"}));
+}

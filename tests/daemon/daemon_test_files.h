@@ -5,13 +5,15 @@
 #include <dirent.h>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "zavra_test_files.h"
 
 namespace daemon_test {
 
-// The regular ".zom" files of a directory, by name.
+// The regular ".zom" files of a directory, oldest first: by log, then by segment number
+// ("_1000" after "_999").
 inline std::vector<std::string> ZomFiles(const std::string& dir) {
     std::vector<std::string> names;
     if (DIR* handle = opendir(dir.c_str())) {
@@ -22,11 +24,14 @@ inline std::vector<std::string> ZomFiles(const std::string& dir) {
         }
         closedir(handle);
     }
-    std::sort(names.begin(), names.end());
+    std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
+        return std::make_tuple(a.substr(0, 24), a.size(), a) <
+               std::make_tuple(b.substr(0, 24), b.size(), b);
+    });
     return names;
 }
 
-// Their total size, and their contents in name order.
+// Their total size, and their contents in that order.
 inline long long ZomBytes(const std::string& dir) {
     long long total = 0;
     for (const std::string& name : ZomFiles(dir))
