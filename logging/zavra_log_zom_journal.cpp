@@ -1,6 +1,7 @@
 #include "zavra_log_zom_journal.h"
 
 #include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include "zv-file.h"
@@ -8,6 +9,7 @@
 
 void ZlZomJournal::Open(const ZvAString& path) {
     std::lock_guard<std::mutex> lock(m_lock);
+    m_path = path;
     m_fd = ZvFile::OpenFd(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     m_size = 0;
     m_linesLost = 0;
@@ -61,12 +63,33 @@ void ZlZomJournal::Write(const ZvAString& message, bool sync) {
     line += ": ";
     line += message;
     line += "\n";
+    RotateIfFull(line.size());
+    if (m_fd < 0)
+        return;
     if (!WriteRaw(line)) {
         ++m_linesLost;
         return;
     }
     if (sync)
         fdatasync(m_fd);
+}
+
+void ZlZomJournal::RotateIfFull(size_t nextLine) {
+    if (m_size + static_cast<long long>(nextLine) <= kRotateBytes)
+        return;
+    fdatasync(m_fd);
+    close(m_fd);
+    const ZvAString old = m_path + ".1";
+    // Should the rename fail, the journal starts anew in place: bounded beats complete.
+    rename(m_path.c_str(), old.c_str());
+    m_fd = ZvFile::OpenFd(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    m_size = 0;
+    if (m_fd >= 0) {
+        ZvAString note;
+        note.Printf("%s: Journal: continued from '%s'.\n", ZvTime::GetReverseTimeStringText(),
+                    old.c_str());
+        WriteRaw(note);
+    }
 }
 
 bool ZlZomJournal::WriteRaw(const ZvAString& line) {

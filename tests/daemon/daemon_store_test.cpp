@@ -9,6 +9,7 @@
 
 #include "daemon_test_files.h"
 #include "zavra_log_zom_daemon.h"
+#include "zavra_log_zom_journal.h"
 
 using namespace daemon_test;
 
@@ -185,4 +186,40 @@ TEST(DaemonStoreRepeatedName, ARestartPastSegment999DeletesTheOldestSegments) {
             kept.push_back(name.substr(25, name.size() - 29));
     EXPECT_EQ(kept,
               (std::vector<std::string>{"997", "998", "999", "1000", "1001", "1002", "1003"}));
+}
+
+// A journal of weeks stays bounded: 2.5 MiB of lines leave the newest two generations, every line
+// whole and none missing between them.
+TEST(DaemonJournal, RotatesAtItsLimitIntoOneOlderGenerationWithoutTearingALine) {
+    zavra_test::TempDir scratch;
+    const std::string path = scratch.Path() + "/daemon.log";
+    ZlZomJournal journal;
+    journal.Open(path.c_str());
+    const std::string filler(300, 'x');
+    const int count = static_cast<int>(ZlZomJournal::kRotateBytes * 5 / 2 / 330);
+    for (int number = 0; number < count; ++number)
+        journal.Text("line %06d %s", number, filler.c_str());
+    journal.Close();
+
+    std::vector<int> numbers;
+    for (const std::string& file : {path + ".1", path}) {
+        const std::string text = zavra_test::ReadFile(file);
+        EXPECT_LE(static_cast<long long>(text.size()), ZlZomJournal::kRotateBytes) << file;
+        ASSERT_EQ(text.back(), '\n') << file;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);) {
+            const size_t at = line.find(": line ");
+            if (at == std::string::npos) {
+                EXPECT_NE(line.find(": Journal: continued from '" + path + ".1'."),
+                          std::string::npos);
+                continue;
+            }
+            EXPECT_EQ(line.size(), at + 7 + 7 + filler.size()) << line;
+            numbers.push_back(std::stoi(line.substr(at + 7, 6)));
+        }
+    }
+    ASSERT_FALSE(numbers.empty());
+    EXPECT_GT(numbers.front(), 0) << "the oldest generation is gone";
+    EXPECT_EQ(numbers.back(), count - 1);
+    EXPECT_EQ(numbers.size(), static_cast<size_t>(numbers.back() - numbers.front() + 1));
 }
