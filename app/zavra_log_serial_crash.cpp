@@ -177,6 +177,22 @@ void ZluAtCrash::OnDumpSize(unsigned long long size) {
         ZlbsDaemonMakeRoomForCrash(ZlbsApp(), size);
 }
 
+void ZluAtCrash::OnDumpProgress(unsigned long long written, unsigned long long announced,
+                                bool done) {
+    if (done) {
+        m_dumpProgress.reset();
+        return;
+    }
+    if (!m_dumpProgress) {
+        ZvProgress::Journal journal;
+        if (m_daemon)
+            journal = [](const char* text) { ZlbsDaemonJournal(ZlbsApp(), text); };
+        m_dumpProgress = std::make_unique<ZvProgress>(
+            "Core dump", announced, ZvProgress::TerminalOrNull(noisiness > 1), journal);
+    }
+    m_dumpProgress->Update(written);
+}
+
 bool ZlbsCrashWorkDirCreate(const char* crashDir, ZvAString& workDir) {
     ZvAString pattern(crashDir);
     ZvFileUtil::AppendToPath(pattern, ".zavra-crash-XXXXXX");

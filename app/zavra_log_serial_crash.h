@@ -3,8 +3,10 @@
 #pragma once
 
 #include <atomic>
+#include <memory>
 
 #include "zv-at-port-util.h"
+#include "zv-progress.h"
 
 // The tool's observer of a crash check: progress goes to standard error for the person at the
 // bench, and the end of the run (a signal) stops the wait for the modem to come back.
@@ -16,10 +18,14 @@ public:
     void OnStatus(const char* text) override;
     bool StopCheck() override;
     void OnDumpSize(unsigned long long size) override;
+    void OnDumpProgress(unsigned long long written, unsigned long long announced,
+                        bool done) override;
 
 private:
     const std::atomic<bool>* m_exiting;
     bool m_daemon;
+    // The progress of the core dump being read, from its first byte to its end.
+    std::unique_ptr<ZvProgress> m_dumpProgress;
 };
 
 // The private folder of one crash check, beside the crash files: it holds the retrieval's

@@ -2,9 +2,11 @@
 #include "zavra_log_serial_tgt_db.h"
 
 #include <cerrno>
+#include <memory>
 
 #include "zavra_log_serial_app.h"
 #include "zavra_log_serial_args.h"
+#include "zv-progress.h"
 
 namespace {
 
@@ -12,6 +14,8 @@ namespace {
 // deliver data while the process exits.
 ZlbsTgtDb* extractor = nullptr;
 ZlbsRxTgtDb* receiver = nullptr;
+// Shown on a terminal from the first data record until the extraction ends.
+std::unique_ptr<ZvProgress> meter;
 
 } // namespace
 
@@ -46,5 +50,15 @@ int ZlbsTgtDbCheckProgress(Zlbs&, ZvAString& errorText) {
     }
     int progress = extractor->CheckProgress();
     errorText = extractor->GetError();
+    if (progress != ZlTgtDb::ProgressRunning) {
+        meter.reset();
+    } else if (extractor->GetState() == ZlTgtDb::StateReceiving) {
+        unsigned received = 0, expected = 0;
+        extractor->GetTransfer(received, expected);
+        if (!meter)
+            meter = std::make_unique<ZvProgress>(
+                "Database", expected, ZvProgress::TerminalOrNull(noisiness > 1), nullptr);
+        meter->Update(received);
+    }
     return progress;
 }

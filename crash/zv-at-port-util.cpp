@@ -105,6 +105,8 @@ bool ZvAtCrash::StopCheck() {
 
 void ZvAtCrash::OnDumpSize(unsigned long long) {}
 
+void ZvAtCrash::OnDumpProgress(unsigned long long, unsigned long long, bool) {}
+
 unsigned long long ZvAtCrash::DiskLeft() const {
     if (diskLimit == 0)
         return ULLONG_MAX;
@@ -336,7 +338,10 @@ void ZvAtCrash::ReadCoreDump(ZvAtPort& port, Response& response, ZvAStringList& 
         }
         reader.OnChunk(buffer.data(), received, status);
         ReportLines(*this, status);
+        if (reader.Written() != 0)
+            OnDumpProgress(reader.Written(), reader.Announced(), false);
     }
+    OnDumpProgress(reader.Written(), reader.Announced(), true);
     switch (reader.GetOutcome()) {
     case ZvAtCoreDumpReader::Outcome::DumpError:
         // The target cannot send a full dump but keeps its crash information for this command.

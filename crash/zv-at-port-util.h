@@ -34,6 +34,10 @@ public:
     // A core dump of `size` bytes that fits in diskLimit is about to be written: the owner may
     // make room for it. Does nothing here.
     virtual void OnDumpSize(unsigned long long size);
+    // The core dump's progress after each chunk: bytes written, the announced size (0 for a dump
+    // without one), and a last call with `done` when its reading has ended. Does nothing here.
+    virtual void OnDumpProgress(unsigned long long written, unsigned long long announced,
+                                bool done);
 
     bool CheckForCrash(const ZvInterfaceInfo* atInterface, Response& response);
     bool CheckForCrashSocket(int port, const char* address, Response& response);

@@ -80,6 +80,12 @@ bool ZlTgtDb::Configure(const char* fileName, unsigned int baseId) {
     return true;
 }
 
+void ZlTgtDb::GetTransfer(unsigned& received, unsigned& expected) const {
+    std::lock_guard<std::recursive_mutex> lock(m_lock);
+    received = m_receivedSize;
+    expected = m_expectedSize;
+}
+
 int ZlTgtDb::CheckProgress() {
     std::lock_guard<std::recursive_mutex> guard(m_lock);
     unsigned elapsed = ZvTime::DiffMsTime(m_progressTime, Now());

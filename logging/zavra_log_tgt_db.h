@@ -70,6 +70,9 @@ public:
     const ZvAString& GetFileName() const { return m_fileName; }
     unsigned GetExpectedSize() const { return m_expectedSize; }
     unsigned GetReceivedSize() const { return m_receivedSize; }
+    // The bytes received so far and the file's announced size, read together under the lock that
+    // the port's reader thread holds while it adds to them.
+    void GetTransfer(unsigned& received, unsigned& expected) const;
     unsigned GetRetryCount() const { return m_retryCount; }
     unsigned GetHashReqId() const { return m_hashReqId; }
     unsigned GetHashCnfId() const { return m_hashCnfId; }
@@ -92,7 +95,7 @@ private:
 
     // The port's reader thread (OnNewData) and the owner's progress checks both change the
     // state and the data buffer; without the lock a restart could free the buffer under a copy.
-    std::recursive_mutex m_lock;
+    mutable std::recursive_mutex m_lock;
 
     bool m_active = false;
     int m_state = StateStart;

@@ -187,6 +187,7 @@ TEST(Crash, CaptureEndsWithFiftyAndOneBundleBesideTheLog) {
     ExpectExit(run.tool, 50, 60000);
     const std::string err = run.tool.Stderr();
     EXPECT_FALSE(Contains(err, "cannot find the AT port")) << err;
+    EXPECT_FALSE(Contains(err, "\033[K")) << "no progress line where standard error is no terminal";
     for (const char* status : {"Waiting for device to restart (takes about 10 seconds).",
                                "Retrieved crash dump information."})
         EXPECT_TRUE(Contains(err, PortFail(status)));
