@@ -69,6 +69,7 @@ struct ModemCounters {
     uint64_t streamBytes = 0; // of these, generated log stream (records, garbage, play file)
     uint64_t dbBytes = 0;     // of these, database confirms and what is interleaved with them
     uint64_t discarded = 0;   // bytes the host never read, collected at hang-ups and Stop
+    uint64_t dropped = 0;     // bytes the modem had ready but never sent, lost at hang-ups
     uint64_t unread = 0;      // bytes the host has not read yet on the current port
     uint64_t delivered = 0;   // sent - discarded - unread: what the host has read
                               // (bytes the host flushes itself when opening are not seen)

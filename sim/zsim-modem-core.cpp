@@ -189,7 +189,7 @@ void ModemCore::FinishHangUp(Clock::time_point now) {
     counters_.portUp = false;
     counters_.channelOpen = false;
     // The modem restarts: whatever it was about to say is gone, and so is a half-received record.
-    pump_.Drop();
+    counters_.dropped += pump_.Drop();
     host_.DropPending();
     if (tee_) {
         std::fflush(tee_);

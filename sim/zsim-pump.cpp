@@ -16,9 +16,14 @@ void Pump::Restart(Clock::time_point now) {
     sentThisPort_ = 0;
 }
 
-void Pump::Drop() {
+uint64_t Pump::Drop() {
+    uint64_t dropped = haveCurrent_ ? current_.bytes.size() - current_.sent : 0;
+    for (const Chunk& chunk : queue_) {
+        dropped += chunk.bytes.size();
+    }
     haveCurrent_ = false;
     queue_.clear();
+    return dropped;
 }
 
 bool Pump::NextChunk(Clock::time_point now, int& timeout) {

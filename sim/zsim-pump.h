@@ -22,8 +22,8 @@ public:
     Faults::Due Write(int fd, Clock::time_point now, int& timeout, Faults& faults, bool& full);
     // A new port: rate and pauses count from now.
     void Restart(Clock::time_point now);
-    // The modem restarts: whatever it was about to say is gone.
-    void Drop();
+    // The modem restarts: whatever it was about to say is gone. Returns how many bytes that was.
+    uint64_t Drop();
 
     std::deque<Chunk>& Queue() { return queue_; }
     Generator& Stream() { return generator_; }

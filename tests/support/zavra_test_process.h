@@ -25,6 +25,7 @@ public:
     // Error(), when the program cannot start.
     bool Start(const std::string& path, const std::vector<std::string>& args);
     bool Running() { return m_pid > 0 && !Reap(false); }
+    pid_t Pid() const { return m_pid; }
     bool Signal(int signalNumber);
     // Waits until the child has ended and its standard error is drained; false on time-out.
     bool Wait(int timeoutMs);
