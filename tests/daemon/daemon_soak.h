@@ -31,8 +31,9 @@ struct SoakFigures {
     uint64_t delivered = 0;          // bytes the first run read
     int segmentsOpened = 0;          // by the first run (rotations + 1)
     long long largestStore = 0;      // the most .zom bytes seen in the directory at once
-    long long journalBytes = 0;      // the first run's journal
-    int clientSessions = 0;          // client connections that got data
+    long long journalBytes = 0;      // the first run's journal (daemon.log)
+    long long journalBytesPerSegment = 0;
+    int clientSessions = 0; // client connections that got data
 };
 
 inline SoakSample SampleProcess(pid_t pid, double seconds) {
@@ -148,6 +149,11 @@ private:
     std::thread m_thread;
 };
 
+// The segment number of a segment's name ("daemon_<time>_<number>.zom").
+inline long SegmentNumber(const std::string& name) {
+    return std::stol(name.substr(25, name.size() - 29));
+}
+
 // Stops the stream and waits until the host has read all of it. The modem takes the stop from
 // its worker a moment later and finishes the piece it was sending: drained once is not enough.
 inline void StopStream(DaemonRun& run) {
@@ -184,14 +190,14 @@ inline SoakFigures SoakFirstRun(DaemonRun& run, const std::string& budget, uint6
     figures.samples.push_back(SampleProcess(run.tool.Pid(), elapsed()));
     run.Terminate();
     figures.delivered = run.modem.Counters().delivered;
-    figures.segmentsOpened = JournalCount(run.store, "NewLogData. Log file opened '");
+    // One log: its last segment's number tells how many it had (the journal may have rotated).
+    const std::vector<std::string> kept = ZomFiles(run.store);
+    figures.segmentsOpened = kept.empty() ? 0 : static_cast<int>(SegmentNumber(kept.back()) + 1);
     figures.journalBytes = zavra_test::FileSize(run.StoreFile("daemon.log"));
+    figures.journalBytesPerSegment =
+        figures.journalBytes /
+        std::max(1, JournalCount(run.store, "NewLogData. Log file opened '"));
     return figures;
-}
-
-// The segment number of a segment's name ("daemon_<time>_<number>.zom").
-inline long SegmentNumber(const std::string& name) {
-    return std::stol(name.substr(25, name.size() - 29));
 }
 
 } // namespace daemon_test

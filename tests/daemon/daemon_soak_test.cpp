@@ -33,7 +33,7 @@ TEST(DaemonSoak, ThousandRotationsARestartAndHangUpsKeepTheNewestBytesInFlatReso
            figures.segmentsOpened, figures.delivered / double(kMiB), figures.samples.front().rssKiB,
            figures.samples.back().rssKiB, figures.samples.front().fds, figures.samples.back().fds,
            figures.samples.front().threads, figures.samples.back().threads, figures.journalBytes,
-           figures.journalBytes / std::max(1, figures.segmentsOpened), figures.clientSessions);
+           figures.journalBytesPerSegment, figures.clientSessions);
     ASSERT_GT(figures.segmentsOpened, 1000);
     EXPECT_LE(figures.largestStore, 16 * kMiB);
     EXPECT_GT(figures.clientSessions, 10);
