@@ -163,6 +163,9 @@ void FinishWorkDir(const ZvAString& keepAs) {
 } // namespace
 
 void ZluAtCrash::OnStatus(const char* text) {
+    // A message in the middle of a dump takes a line of its own, not the end of the progress line.
+    if (m_dumpProgress)
+        m_dumpProgress->Clear();
     fprintf(stderr, "PORT-FAIL: %-60s\n", text);
     if (m_daemon)
         ZlbsDaemonJournal(ZlbsApp(), text);

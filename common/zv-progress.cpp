@@ -37,14 +37,19 @@ void ZvProgress::Update(unsigned long long done) {
     }
 }
 
+void ZvProgress::Clear() {
+    if (!m_shown)
+        return;
+    fputs("\r\033[K", m_terminal);
+    fflush(m_terminal);
+    m_shown = false;
+}
+
 void ZvProgress::Finish() {
     if (m_finished)
         return;
     m_finished = true;
-    if (m_shown) {
-        fputs("\r\033[K", m_terminal);
-        fflush(m_terminal);
-    }
+    Clear();
 }
 
 ZvAString ZvProgress::Describe(const char* what, unsigned long long done, unsigned long long total,

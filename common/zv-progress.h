@@ -28,6 +28,9 @@ public:
 
     // `done` bytes of the work are done.
     void Update(unsigned long long done);
+    // Clears the terminal line so that another message can be printed whole; the next update
+    // that is due draws it again.
+    void Clear();
     // Clears the terminal line; later updates show nothing.
     void Finish();
 
