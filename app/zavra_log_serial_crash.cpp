@@ -191,7 +191,7 @@ void ZluAtCrash::OnDumpProgress(unsigned long long written, unsigned long long a
         if (m_daemon)
             journal = [](const char* text) { ZlbsDaemonJournal(ZlbsApp(), text); };
         m_dumpProgress = std::make_unique<ZvProgress>(
-            "Core dump", announced, ZvProgress::TerminalOrNull(noisiness > 1), journal);
+            "Core dump", announced, ZvProgress::TerminalOrNull(noisiness), journal);
     }
     m_dumpProgress->Update(written);
 }

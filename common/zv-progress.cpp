@@ -7,6 +7,8 @@
 namespace {
 
 const double kMiB = 1024.0 * 1024.0;
+// The tool's -v without an argument; below it (-v0, -v1) a run prints only what went wrong.
+const int kDefaultVerbosity = 2;
 
 } // namespace
 
@@ -70,8 +72,12 @@ ZvAString ZvProgress::Describe(const char* what, unsigned long long done, unsign
     return text;
 }
 
-FILE* ZvProgress::TerminalOrNull(bool wanted) {
-    return wanted && isatty(STDERR_FILENO) ? stderr : nullptr;
+FILE* ZvProgress::TerminalOrNull(int verbosity, bool isTerminal) {
+    return verbosity >= kDefaultVerbosity && isTerminal ? stderr : nullptr;
+}
+
+FILE* ZvProgress::TerminalOrNull(int verbosity) {
+    return TerminalOrNull(verbosity, isatty(STDERR_FILENO) == 1);
 }
 
 unsigned long long ZvProgress::SteadyMs() {

@@ -59,3 +59,10 @@ TEST(ZvProgress, DescribesWorkOfUnknownSizeAndFinishedWork) {
     EXPECT_EQ(ZvProgress::Describe("Database", 1 << 20, 1 << 20, 0),
               ZvAString("Database: 1.0 of 1.0 MiB (100%), 0.0 MiB/s"));
 }
+
+TEST(ZvProgress, ShowsOnlyOnATerminalAtTheDefaultVerbosityOrAbove) {
+    EXPECT_EQ(ZvProgress::TerminalOrNull(2, true), stderr);
+    EXPECT_EQ(ZvProgress::TerminalOrNull(5, true), stderr);
+    EXPECT_EQ(ZvProgress::TerminalOrNull(1, true), nullptr) << "-v1";
+    EXPECT_EQ(ZvProgress::TerminalOrNull(2, false), nullptr) << "a file or a pipe";
+}
