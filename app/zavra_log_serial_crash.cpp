@@ -163,6 +163,9 @@ void FinishWorkDir(const ZvAString& keepAs) {
 } // namespace
 
 void ZluAtCrash::OnStatus(const char* text) {
+    // A message in the middle of a dump takes a line of its own, not the end of the progress line.
+    if (m_dumpProgress)
+        m_dumpProgress->Clear();
     fprintf(stderr, "PORT-FAIL: %-60s\n", text);
     if (m_daemon)
         ZlbsDaemonJournal(ZlbsApp(), text);
@@ -188,7 +191,7 @@ void ZluAtCrash::OnDumpProgress(unsigned long long written, unsigned long long a
         if (m_daemon)
             journal = [](const char* text) { ZlbsDaemonJournal(ZlbsApp(), text); };
         m_dumpProgress = std::make_unique<ZvProgress>(
-            "Core dump", announced, ZvProgress::TerminalOrNull(noisiness > 1), journal);
+            "Core dump", announced, ZvProgress::TerminalOrNull(noisiness), journal);
     }
     m_dumpProgress->Update(written);
 }

@@ -56,8 +56,8 @@ int ZlbsTgtDbCheckProgress(Zlbs&, ZvAString& errorText) {
         unsigned received = 0, expected = 0;
         extractor->GetTransfer(received, expected);
         if (!meter)
-            meter = std::make_unique<ZvProgress>(
-                "Database", expected, ZvProgress::TerminalOrNull(noisiness > 1), nullptr);
+            meter = std::make_unique<ZvProgress>("Database", expected,
+                                                 ZvProgress::TerminalOrNull(noisiness), nullptr);
         meter->Update(received);
     }
     return progress;

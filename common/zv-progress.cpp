@@ -7,6 +7,8 @@
 namespace {
 
 const double kMiB = 1024.0 * 1024.0;
+// The tool's -v without an argument; below it (-v0, -v1) a run prints only what went wrong.
+const int kDefaultVerbosity = 2;
 
 } // namespace
 
@@ -37,14 +39,19 @@ void ZvProgress::Update(unsigned long long done) {
     }
 }
 
+void ZvProgress::Clear() {
+    if (!m_shown)
+        return;
+    fputs("\r\033[K", m_terminal);
+    fflush(m_terminal);
+    m_shown = false;
+}
+
 void ZvProgress::Finish() {
     if (m_finished)
         return;
     m_finished = true;
-    if (m_shown) {
-        fputs("\r\033[K", m_terminal);
-        fflush(m_terminal);
-    }
+    Clear();
 }
 
 ZvAString ZvProgress::Describe(const char* what, unsigned long long done, unsigned long long total,
@@ -65,8 +72,12 @@ ZvAString ZvProgress::Describe(const char* what, unsigned long long done, unsign
     return text;
 }
 
-FILE* ZvProgress::TerminalOrNull(bool wanted) {
-    return wanted && isatty(STDERR_FILENO) ? stderr : nullptr;
+FILE* ZvProgress::TerminalOrNull(int verbosity, bool isTerminal) {
+    return verbosity >= kDefaultVerbosity && isTerminal ? stderr : nullptr;
+}
+
+FILE* ZvProgress::TerminalOrNull(int verbosity) {
+    return TerminalOrNull(verbosity, isatty(STDERR_FILENO) == 1);
 }
 
 unsigned long long ZvProgress::SteadyMs() {

@@ -28,6 +28,9 @@ public:
 
     // `done` bytes of the work are done.
     void Update(unsigned long long done);
+    // Clears the terminal line so that another message can be printed whole; the next update
+    // that is due draws it again.
+    void Clear();
     // Clears the terminal line; later updates show nothing.
     void Finish();
 
@@ -35,8 +38,10 @@ public:
     // the rate only.
     static ZvAString Describe(const char* what, unsigned long long done, unsigned long long total,
                               unsigned long long elapsedMs);
-    // Standard error when it is a terminal and progress is `wanted`, else null.
-    static FILE* TerminalOrNull(bool wanted);
+    // Standard error when it is a terminal and the verbosity (-v) is the default or higher, else
+    // null: progress never reaches a file or a pipe, nor a quiet run.
+    static FILE* TerminalOrNull(int verbosity, bool isTerminal);
+    static FILE* TerminalOrNull(int verbosity);
     static unsigned long long SteadyMs();
 
 private:

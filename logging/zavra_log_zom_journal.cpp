@@ -49,9 +49,18 @@ void ZlZomJournal::Write(const ZvAString& message, bool sync) {
     if (m_fd < 0)
         return;
     const ZvAString stamp = ZvTime::GetReverseTimeStringText();
-    if (m_linesLost != 0) {
-        ZvAString note;
+    ZvAString line = stamp;
+    line += ": ";
+    line += message;
+    line += "\n";
+    ZvAString note;
+    if (m_linesLost != 0)
         note.Printf("%s: Journal: %u lines could not be written.\n", stamp.c_str(), m_linesLost);
+    // The note and its line are counted together, so that neither takes the file past its bound.
+    RotateIfFull(note.size() + line.size());
+    if (m_fd < 0)
+        return;
+    if (!note.empty()) {
         if (!WriteRaw(note)) {
             ++m_linesLost;
             return;
@@ -59,13 +68,6 @@ void ZlZomJournal::Write(const ZvAString& message, bool sync) {
         m_linesLost = 0;
         sync = true;
     }
-    ZvAString line = stamp;
-    line += ": ";
-    line += message;
-    line += "\n";
-    RotateIfFull(line.size());
-    if (m_fd < 0)
-        return;
     if (!WriteRaw(line)) {
         ++m_linesLost;
         return;
