@@ -94,17 +94,6 @@ TEST_F(CrashWait, AStopEndsTheWaitWithinOneAttemptOrBeforeIt) {
     }
 }
 
-TEST(CrashRetrieval, APortThatIsNotThereGivesItsOwnError) {
-    RecordingCrash crash;
-    ZvAtCrash::Response response;
-    EXPECT_FALSE(crash.GetCrash(nullptr, response));
-    EXPECT_EQ("Serial port name not configured.", crash.errorText);
-    EXPECT_FALSE(crash.GetCrash("/dev/zavra-missing-tty", response));
-    EXPECT_EQ("Failed to open AT port (2).", crash.errorText);
-    EXPECT_TRUE(crash.statuses.empty());
-    EXPECT_FALSE(ZvAtIsModemInLoaderMode("/dev/zavra-missing-tty"));
-}
-
 TEST(CoreDumpReader, TextWithoutAMarkerStaysBoundedAndAMarkerAcrossTheCutIsFound) {
     zavra_test::TempDir dir;
     ZvFile file;

@@ -54,23 +54,6 @@ protected:
     zavra_test::TempDir m_dir;
 };
 
-const std::string kThread1 = "<logging_kor1_chunk1.zol><logging_kor1_chunk2.zol>";
-
-TEST_F(CrashTidy, LogChunksOfEachCoreAreJoined) {
-    const Names chunks = {"logging_kor1_chunk2.zol", "logging_kor1_chunk1.zol",
-                          "logging_kor2_chunk1.zol", "logging_kor0_chunk2.zol"};
-    for (bool move : {false, true}) {
-        ZvAStringList tidied;
-        EXPECT_TRUE(ZvCrashTidy(Files(chunks), nullptr, tidied, move, nullptr));
-        // Core 1 is joined; a chunk without its partner stays as it is.
-        EXPECT_EQ(Short(tidied), (Names{"logging_kor2_chunk1.zol", "logging_kor0_chunk2.zol",
-                                        "logging_kor_thread1.zol"}));
-        EXPECT_EQ(ReadFile(P("logging_kor_thread1.zol")), kThread1);
-        EXPECT_EQ(FileExists(P(chunks[0])) && FileExists(P(chunks[1])), !move);
-        EXPECT_TRUE(FileExists(P(chunks[2])) && FileExists(P(chunks[3])));
-    }
-}
-
 TEST_F(CrashTidy, JoinFailuresNameChunkTwoAndTheTarget) {
     const std::string c1 = P("logging_kor0_chunk1.zol"), c2 = P("logging_kor0_chunk2.zol");
     const std::string target = P("logging_kor_thread0.zol");
@@ -113,11 +96,12 @@ TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
     EXPECT_EQ(zipPath, P("crash_dump_1.zip"));
     EXPECT_EQ(error, "Failed to add the '" + P("gone.txt") + "' file to the crash dump zip file.");
     auto expected = crash_test::TargetZipEntries();
-    expected.insert({{"bb_events_dup.txt", "<bb_events.txt>"},
-                     {"extram.dmp", "<run-extram.dmp>"},
-                     {"logging_kor_thread1.zol", kThread1},
-                     {"m.log", "<m.log>"},
-                     {"run-crashlog.txt", "<run-crashlog.txt>"}});
+    expected.insert(
+        {{"bb_events_dup.txt", "<bb_events.txt>"},
+         {"extram.dmp", "<run-extram.dmp>"},
+         {"logging_kor_thread1.zol", "<logging_kor1_chunk1.zol><logging_kor1_chunk2.zol>"},
+         {"m.log", "<m.log>"},
+         {"run-crashlog.txt", "<run-crashlog.txt>"}});
     EXPECT_EQ(Zip(zipPath), expected);
     EXPECT_EQ(Left(m_dir.Path()),
               (Names{"crash_dump-1.zip", "crash_dump.zip", "crash_dump_1.zip"}));
@@ -153,55 +137,6 @@ TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
     EXPECT_FALSE(ZvCrashZip(Files({"m.log"}), nullptr, zipPath, true, &error));
     EXPECT_EQ(error, "Failed to find the crash dump zip file in the crash information.");
     EXPECT_EQ(ReadFile(P("m.log")), "<m.log>");
-}
-
-TEST_F(CrashTidy, DecodeZipLeavesOneZipPerCrash) {
-    const struct {
-        bool coreDump, raw, keepText;
-        Names files;
-        const char* dumpEntry;
-    } cases[] = {
-        {true, false, true, {"crash.txt", "core_dump_1.zip"}, "extram.bin"},
-        {true, true, false, {"core_dump_1.zip"}, "extram.dmp"},
-        {false, true, true, {"crash.txt", "crash_dump_1.zip"}, nullptr},
-    };
-    std::string text = "AT%DEBUG=0,0\r\n--Zavra debug info\r\nContent-Description: "
-                       "crash_dump_1.zip\r\nContent-Transfer-Encoding: x-base64\r\n\r\n" +
-                       std::string(crash_test::kTargetZipBase64);
-    // A section named like the retrieved crash log must not replace it.
-    for (const char* name : {"bb_events.txt", "logging_kor0_chunk1.zol", "crashlog.txt"})
-        text += std::string("--Zavra debug info\r\nContent-Description: ") + name +
-                "\r\nContent-Transfer-Encoding: text/plain\r\n\r\n<" + name + ">\r\n";
-    text += "--Zavra debug info--\r\n\r\nOK\r\n";
-    for (const auto& c : cases) {
-        zavra_test::TempDir out;
-        ZvAtCrash::Response response;
-        response.crashLogFile = P("clfAAAAAA").c_str();
-        response.crashInfoFile = P("crhAAAAAA").c_str();
-        response.coreDumpFile = c.coreDump ? P("exrAAAAAA").c_str() : "";
-        response.coreDumpRaw = c.raw;
-        ASSERT_TRUE(WriteFile(response.crashLogFile, "crash log") &&
-                    WriteFile(response.crashInfoFile, text) &&
-                    WriteFile(P("exrAAAAAA"), std::string(70000, '\xa5')));
-        ZvAStringList files;
-        ZvAString error;
-        EXPECT_TRUE(ZvCrashDecodeZip(response, out.Path().c_str(), files, &error, c.keepText));
-        EXPECT_EQ(error, "");
-        EXPECT_EQ(Short(files), c.files);
-        EXPECT_EQ(files[files.Count() - 1], out.File(c.files.back()));
-        Entries entries = Zip(out.File(c.files.back()));
-        EXPECT_EQ(entries.size(), c.dumpEntry != nullptr ? 6u : 5u);
-        EXPECT_EQ(entries["crashlog.txt"], "crash log");
-        EXPECT_EQ(entries["bb_events_dup.txt"], "<bb_events.txt>");
-        if (c.dumpEntry != nullptr) {
-            EXPECT_EQ(entries[c.dumpEntry], std::string(70000, '\xa5'));
-        }
-        // Everything else is inside the zip; the text stays, listed or not.
-        Names left = {"crash.txt", c.files.back()};
-        std::sort(left.begin(), left.end());
-        EXPECT_EQ(Left(out.Path()), left);
-        EXPECT_EQ(ReadFile(out.File("crash.txt")), text);
-    }
 }
 
 TEST_F(CrashTidy, DecodeZipFailuresKeepTheFilesUnderTheirFinalNames) {

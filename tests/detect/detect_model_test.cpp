@@ -1,4 +1,4 @@
-// The device model on hand-made records: entry dumps, base names and filter masks. Grouping and
+// The device model on hand-made records: filter masks over lists and trees. Dumps, grouping and
 // display names are checked on detected devices (detect_udev_test).
 #include <gtest/gtest.h>
 
@@ -6,25 +6,16 @@
 
 namespace {
 
-ZvAString DumpText(const ZvInterfaceInfo& info, const char* prefix) {
-    ::testing::internal::CaptureStdout();
-    info.Dump(stdout, prefix);
-    fflush(stdout);
-    return ::testing::internal::GetCapturedStdout();
-}
-
 // Records keyed by one letter: type, function and USB details as given, vid and pid "v" and "p".
 class Model : public ::testing::Test {
 protected:
-    ZvInterfaceInfo* Add(const char* key, int type, int function, bool usb = true,
-                         const char* friendly = "") {
+    ZvInterfaceInfo* Add(const char* key, int type, int function, bool usb = true) {
         ZvInterfaceInfo* info = store.FindOrAdd(key);
         info->type = static_cast<ZvInterfaceTypeTag>(type);
         info->function = static_cast<ZvInterfaceFunctionTag>(function);
         info->usbDetails = usb;
         info->vid = usb ? "v" : "";
         info->pid = usb ? "p" : "";
-        info->friendlyName = friendly;
         list.push_back(info);
         return info;
     }
@@ -44,39 +35,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(Model, EntryDumpPadsTagsAndShowsTheRestOfTheName) {
-    ZvInterfaceInfo* info =
-        Add("a", ZvInterfaceTypeSerial, ZvInterfaceFunctionAt, true, "Zavra Modem  AT Port");
-    info->mi = "02";
-    info->portName = "/x";
-    EXPECT_EQ(DumpText(*info, "Zavra Modem"),
-              "SERIAL  AT      VID: v PID: p MI: 02 AT Port /x   \n");
-    EXPECT_EQ(DumpText(*info, "Other"),
-              "SERIAL  AT      VID: v PID: p MI: 02 Zavra Modem  AT Port /x   \n");
-    // Out-of-range type and function, no USB details.
-    EXPECT_EQ(DumpText(*Add("b", 6, 7, false, "Zavra Modem  AT Port"), ""),
-              "UNKNOWN UNKNOWN Zavra Modem  AT Port \n");
-}
-
-TEST_F(Model, BaseNameIsTheTrimmedCommonPrefixOfNonEmptyNames) {
-    EXPECT_EQ(ZvDeviceInfo::CompareNames("modem", "Modem"), 0u);
-    ZvDeviceInfo device;
-    device.interfaces.push_back(Add("a", 1, 0, true, "Zavra Modem AT"));
-    device.SetName();
-    EXPECT_EQ(device.baseName, ""); // fewer than two interfaces
-    device.interfaces.push_back(Add("b", 1, 0, true, ""));
-    device.interfaces.push_back(Add("c", 3, 6, true, "Zavra Modem Net"));
-    device.SetName();
-    EXPECT_EQ(device.baseName, "Zavra Modem");
-    list[2]->friendlyName = "Other";
-    device.SetName();
-    EXPECT_EQ(device.baseName, "");
-    list[0]->friendlyName = "";
-    list[2]->friendlyName = " Solo\t";
-    device.SetName();
-    EXPECT_EQ(device.baseName, "Solo");
-}
 
 TEST_F(Model, FilterMasksSelectByFunctionByTypeOrBoth) {
     // key, type, function; "n" has no USB details

@@ -149,41 +149,6 @@ TEST(Serial, RawExclusiveSettingsSpeedsAndTimeout) {
     close(again);
 }
 
-// Root passes the terminal's exclusive mode, so a second user of the port is stopped by the lock
-// alone, before it can flush the first one's input or give up its exclusion.
-TEST(Serial, ASecondOpenOfALockedPortFailsAndLeavesTheFirstAlone) {
-    Pty pty;
-    ZvSerial first;
-    ASSERT_TRUE(first.Open(pty.name, 115200, 5));
-    ASSERT_TRUE(first.SetTotalTimeout(500));
-    EXPECT_FALSE(ZvSerial::IsHeldByAnother("/nonexistent/port"));
-    EXPECT_EQ(geteuid() == 0, ZvSerial::IsHeldByAnother(pty.name)) << "EBUSY counts as held too";
-    const unsigned char waiting[] = "bytes the first one has not read yet";
-    pty.WriteAll(waiting, sizeof(waiting));
-
-    ZvSerial second;
-    EXPECT_FALSE(second.Open(pty.name, 115200, 5));
-    EXPECT_FALSE(second.IsOpen());
-    EXPECT_TRUE(second.GetLastError() == EWOULDBLOCK || second.GetLastError() == EBUSY)
-        << second.GetLastError();
-    EXPECT_STREQ("it is in use by another program",
-                 ZvSerial::DescribeOpenError(second.GetLastError()));
-    EXPECT_STREQ(strerror(ENOENT), ZvSerial::DescribeOpenError(ENOENT));
-
-    int exclusive = 0;
-    ASSERT_EQ(0, ioctl(first.GetHandle(), TIOCGEXCL, &exclusive));
-    EXPECT_NE(0, exclusive) << "the second open must not give up the first one's exclusion";
-    unsigned char got[sizeof(waiting)] = {};
-    unsigned n = 0;
-    ASSERT_TRUE(first.Read(got, sizeof(got), n));
-    EXPECT_EQ(sizeof(waiting), n);
-    EXPECT_EQ(0, memcmp(waiting, got, sizeof(waiting))) << "nothing flushed by the second open";
-
-    first.Close();
-    EXPECT_FALSE(ZvSerial::IsHeldByAnother(pty.name));
-    EXPECT_TRUE(second.Open(pty.name, 115200, 5));
-}
-
 TEST_F(ItfSerial, DeliversEveryByteSendsUnchangedAndFailsOnceOnHangUp) {
     ASSERT_TRUE(itf.OnOpen());
     // Every byte value, including the ones a cooked terminal would swallow or translate, in a

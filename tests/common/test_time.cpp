@@ -5,7 +5,6 @@
 #include <ctime>
 
 #include "zv-time.h"
-#include "zv-ver.h"
 
 // Time zones as POSIX TZ texts, which need no zone database; every test sets the one it needs.
 static void SetTimeZone(const char* zone) {
@@ -51,23 +50,4 @@ TEST(ZvTime, LocalTimesFollowTheTimeZone) {
     ExpectNowAs(ZvTime::GetReverseTimeString, "%y-%m-%d_%H-%M-%S");
     ExpectNowAs(ZvTime::GetReverseTimeStringText, "%d/%m/%Y %H:%M:%S");
     ExpectNowAs(ZvTime::GetNormalTimeString, "%H:%M:%S %d/%m/%y");
-}
-
-TEST(ZvVer, BuildNumberAndVersionTexts) {
-    const std::pair<const char*, unsigned> cases[] = {
-        // an unknown month counts as January; missing words count as zero
-        {"aug 15 2013", 4655},
-        {"Foo 1 2004", 41},
-        {"Dec 31 2140", 255},
-        {"Aug 15", 335},
-        {"", 0},
-        {"'Aug' \"15\" 2013", 4655},
-    };
-    for (auto& c : cases)
-        EXPECT_EQ(ZvVer(1, 8, c.first).GetBuildNumber(), c.second) << c.first;
-    ZvAString text;
-    ZvVer(1, 8, "Aug 15 2013").GetFullVersionString(text);
-    EXPECT_EQ(text, "Version 1.8.4655 (Aug 15 2013)");
-    ZvVer(1, 8, "Jan 1 2004").GetNumberString(text);
-    EXPECT_EQ(text, "1.8.0041");
 }
