@@ -7,16 +7,6 @@
 
 namespace {
 
-// Formatting this would read through a wild pointer: a test passing it shows nothing was formatted.
-const char* const kNeverFormatted = reinterpret_cast<const char*>(8);
-
-// Keeps every record so a test can look at all its fields.
-class RecordingLogger : public ZvLog {
-public:
-    void DoLog(Info* info) override { records.emplace_back(info); }
-    std::vector<std::unique_ptr<Info>> records;
-};
-
 class Log : public ::testing::Test {
 protected:
     void TearDown() override {
@@ -24,31 +14,6 @@ protected:
         ZvLog::m_level = ZvLog::LevelStatus;
     }
 };
-
-TEST_F(Log, NothingIsFormattedAboveTheThresholdOrWithoutALogger) {
-    ::testing::internal::CaptureStderr();
-    ZvLog::Error("%s", kNeverFormatted);
-    ZvLog::Assert("x");
-    EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
-
-    RecordingLogger logger;
-    ZvLog::SetLogger(&logger);
-    ZvLog::Debug("%s", kNeverFormatted);
-    ZvLog::TraceEx(this, "Fn", "%s", kNeverFormatted);
-    int object = 0;
-    ZvLog::StatusEx(&object, "Open", "n=%d", 3);
-    ZvLog::m_level = ZvLog::LevelTrace;
-    ZvLog::Trace("t%d", 6);
-    ZvLog::m_level = 0; // even Assert is dropped
-    ZvLog::Assert("%s", kNeverFormatted);
-    ASSERT_EQ(logger.records.size(), 2u);
-    const ZvLog::Info& first = *logger.records[0];
-    EXPECT_EQ(first.level, ZvLog::LevelStatus);
-    EXPECT_EQ(first.object, &object);
-    EXPECT_EQ(first.function, "Open");
-    EXPECT_EQ(first.message, "n=3");
-    EXPECT_EQ(logger.records[1]->message, "t6");
-}
 
 TEST_F(Log, StandardErrorLinesAreSplitTrimmedAndPrefixed) {
     ZvLogStderr plain, prefixed("P>");
