@@ -135,6 +135,13 @@ struct CrashRun {
         }
     }
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
+    // The modem is back for the `times`th time and has sent `bytes` more since.
+    bool BackAndSending(unsigned times, uint64_t bytes) {
+        if (!bench.modem.WaitUntil(zsim::Reconnected(times), 30000))
+            return false;
+        const uint64_t sent = bench.modem.Counters().sent;
+        return bench.modem.WaitUntil(zsim::SentAtLeast(sent + bytes), 20000);
+    }
     // Waits until the tool has printed `text` `times` times.
     bool WaitForOutput(const std::string& text, int timeoutMs, int times = 1) {
         auto printed = [&] { return zavra_test::CountOf(tool.Stderr(), text) >= times; };
@@ -453,10 +460,8 @@ TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
     ASSERT_TRUE(run.WaitForOutput(saved, 60000)) << run.tool.Stderr();
 
     // Logging resumes: the modem's port is back, the channel open again, a new log growing.
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 30000)) << run.tool.Stderr();
+    ASSERT_TRUE(run.BackAndSending(1, 64u << 10)) << run.tool.Stderr();
     ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::ChannelOpen(), 20000)) << run.tool.Stderr();
-    const uint64_t sent = run.bench.modem.Counters().sent;
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 20000));
     run.bench.modem.Apply(zsim::Control::Crash());
     ASSERT_TRUE(run.WaitForOutput(saved, 60000, 2)) << run.tool.Stderr();
     run.tool.Signal(SIGTERM);
@@ -489,10 +494,7 @@ TEST(CrashDaemon, ALogPortThatComesBackUnderAnotherNameIsFoundAgain) {
         << run.tool.Stderr();
     run.Renumber(1, "log", run.bench.modem.AtPortPath());
     run.bench.modem.Apply(zsim::Control::HangUp(300));
-    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 10000));
-    const uint64_t sent = run.bench.modem.Counters().sent;
-    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 10000))
-        << run.tool.Stderr();
+    EXPECT_TRUE(run.BackAndSending(1, 64u << 10)) << run.tool.Stderr();
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
     const std::string now = "The serial logging interface from '" + ports + "' is now '" +
@@ -541,9 +543,7 @@ TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
     for (int crash = 1; crash <= crashes; ++crash) {
         SCOPED_TRACE(crash);
         if (crash > 1) {
-            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crash - 1), 30000));
-            const uint64_t sent = run.bench.modem.Counters().sent;
-            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (2u << 20)), 20000));
+            ASSERT_TRUE(run.BackAndSending(crash - 1, 2u << 20));
             if (crash == crashes)
                 run.bench.modem.Apply(zsim::Control::Fault(zsim::CrashFault::OversizeAnnounced));
             run.bench.modem.Apply(zsim::Control::Crash());
@@ -558,9 +558,7 @@ TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
             << run.tool.Stderr();
         EXPECT_LE(StoreBytes(store), budget);
     }
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crashes), 30000));
-    const uint64_t sent = run.bench.modem.Counters().sent;
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (1u << 20)), 20000));
+    ASSERT_TRUE(run.BackAndSending(crashes, 1u << 20));
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
 
