@@ -1,7 +1,10 @@
+// Crash tidy and the crash zip: the joined per-core logs, the one zip that takes every file, the
+// zip writer; zips are read back by zipfile.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -9,8 +12,8 @@
 #include "zavra_test_files.h"
 #include "zv-crash-decode-zip.h"
 #include "zv-file-util.h"
+#include "zv-zip.h"
 
-using zavra_test::FileExists;
 using zavra_test::ReadFile;
 using zavra_test::WriteFile;
 using Names = std::vector<std::string>;
@@ -53,35 +56,6 @@ protected:
     }
     zavra_test::TempDir m_dir;
 };
-
-TEST_F(CrashTidy, JoinFailuresNameChunkTwoAndTheTarget) {
-    const std::string c1 = P("logging_kor0_chunk1.zol"), c2 = P("logging_kor0_chunk2.zol");
-    const std::string target = P("logging_kor_thread0.zol");
-    const struct {
-        bool move, busyTarget; // a non-empty directory is neither replaced nor removed
-        std::string verb;
-        Names after;
-    } cases[] = {
-        {false, true, "copy", {c1, c2}},
-        {true, true, "rename", {c1, c2}},
-        {true, false, "append", {target, c2}}, // chunk 2 is gone; chunk 1 is now the target
-    };
-    for (const auto& c : cases) {
-        ZvFileUtil::DeleteDir(target.c_str(), true);
-        ZvAStringList files = Files({"logging_kor0_chunk1.zol", "logging_kor0_chunk2.zol"});
-        if (c.busyTarget) {
-            ASSERT_TRUE(ZvFileUtil::MakeDir(target.c_str()));
-            ASSERT_TRUE(WriteFile(target + "/x", ""));
-        } else {
-            remove(c2.c_str());
-        }
-        ZvAString error;
-        EXPECT_FALSE(ZvCrashTidyZolChunks(0, files, c.move, &error));
-        EXPECT_EQ(error, "Failed to " + c.verb + " file from '" + c2 + "' to '" + target + "'.");
-        EXPECT_EQ(Short(files), Short(Files(c.after, false)));
-        EXPECT_EQ(ReadFile(c.after[0]), "<logging_kor0_chunk1.zol>");
-    }
-}
 
 TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
     ASSERT_TRUE(crash_test::WriteTargetZip(P("crash_dump_1.zip")));
@@ -139,35 +113,40 @@ TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
     EXPECT_EQ(ReadFile(P("m.log")), "<m.log>");
 }
 
-TEST_F(CrashTidy, DecodeZipFailuresKeepTheFilesUnderTheirFinalNames) {
-    // A non-empty directory where the crash log should go: the rename fails.
-    const std::string out = P("out"), log = Files({"clfBBBBBB"})[0];
-    ASSERT_TRUE(ZvFileUtil::MakeDir(out.c_str()) &&
-                ZvFileUtil::MakeDir((out + "/crashlog.txt").c_str()) &&
-                WriteFile(out + "/crashlog.txt/x", ""));
-    ZvAtCrash::Response response;
-    response.crashLogFile = log.c_str();
-    response.coreDumpFile = Files({"exrBBBBBB"})[0];
-    response.crashInfoFile = Files({"crhBBBBBB"})[0];
-    const std::string noZip = "--Zavra debug info\nContent-Description: only.txt\n"
-                              "Content-Transfer-Encoding: text/plain\nno zip\n--Zavra debug info\n";
-    ASSERT_TRUE(WriteFile(response.crashInfoFile, noZip));
-    ZvAStringList files;
-    ZvAString error;
-    EXPECT_TRUE(ZvCrashDecodeZip(response, out.c_str(), files, &error, false));
-    EXPECT_EQ(error, "Failed to find the crash dump zip file in the crash information.");
-    EXPECT_EQ(Short(files), (Names{"clfBBBBBB", "extram.dmp", "crash.txt"}));
-    EXPECT_EQ(files[0], log);
-    EXPECT_EQ(ReadFile(log) + ReadFile(out + "/extram.dmp") + ReadFile(out + "/only.txt"),
-              "<clfBBBBBB><exrBBBBBB>no zip");
+// The zip writer alone: new and appended entries, read back by zipfile.
+TEST_F(CrashTidy, ZipEntriesCreatedAndAppendedReadBackByteForByte) {
+    // A file of `size` pseudo-random bytes below `range`; its content.
+    const auto make = [&](const std::string& name, size_t size, unsigned range) {
+        std::mt19937 random(static_cast<unsigned>(size));
+        std::string data(size, '\0');
+        for (char& c : data)
+            c = static_cast<char>(random() % range);
+        EXPECT_TRUE(WriteFile(P(name), data));
+        return data;
+    };
+    const std::string other = P("other.zip"), made = P("made.zip");
+    ASSERT_TRUE(crash_test::WriteTargetZip(other)); // made by another tool
+    const std::string empty = make("empty", 0, 256), binary = make("binary", 100000, 256);
+    const std::string log = make("log", 400000, 4); // two bits a byte: about a quarter
 
-    response = ZvAtCrash::Response();
-    response.crashInfoFile = P("crhCCCCCC").c_str();
-    ASSERT_TRUE(WriteFile(P("crhCCCCCC"), "--Zavra debug info\nContent-Type: x\nbody\nmore\n"));
-    EXPECT_TRUE(ZvCrashDecodeZip(response, out.c_str(), files, &error, false));
-    EXPECT_EQ(error, "Crash data encoding not specified.");
-    EXPECT_EQ(files[0], out + "/crash.txt");
-    EXPECT_FALSE(ZvCrashDecodeZip(ZvAtCrash::Response(), out.c_str(), files, nullptr, true));
+    ZvZip zip;
+    ASSERT_TRUE(zip.Open(made.c_str(), false));
+    EXPECT_EQ(zip.GetPath(), made);
+    EXPECT_TRUE(zip.Add(P("empty").c_str(), "empty.bin"));
+    EXPECT_TRUE(zip.Add(P("binary").c_str(), "dir/binary.bin"));
+    EXPECT_TRUE(zip.Add(P("log").c_str(), nullptr)); // under its path, made relative
+    EXPECT_FALSE(zip.Add(P("missing").c_str(), "missing"));
+    ASSERT_TRUE(zip.Open(other.c_str(), true)); // closes the first zip
+    EXPECT_TRUE(zip.Add(P("binary").c_str(), "added.bin"));
+    EXPECT_TRUE(zip.Close());
+
+    EXPECT_EQ(
+        Zip(made),
+        (Entries{{"empty.bin", empty}, {"dir/binary.bin", binary}, {P("log").substr(1), log}}));
+    EXPECT_LT(zavra_test::FileSize(made), 100000 + 400000 / 2);
+    Entries expected = crash_test::TargetZipEntries();
+    expected["added.bin"] = binary;
+    EXPECT_EQ(Zip(other), expected);
 }
 
 } // namespace

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
 
 #include "tgtdb_wire.h"
@@ -86,31 +85,6 @@ TEST_F(TgtDbTest, DatabaseArrivesByteForByteInAnyChunking) {
         ASSERT_EQ(db.CheckProgress(), 2) << db.GetError();
         EXPECT_EQ(Output(), Text(data));
     }
-}
-
-// Status, zero hash and oversize confirms run end to end; here the ones the modem cannot send.
-TEST_F(TgtDbTest, RefusedHashConfirmsEndInTheTimeOutRetriedOnce) {
-    std::ofstream(path) << "stale database";
-    ASSERT_TRUE(db.Configure(path.c_str(), kBase));
-    EXPECT_EQ(Output(), "") << "held and emptied";
-    unsigned char small[15]; // too small for a request
-    EXPECT_EQ(db.EncodeFileHashReq(small, sizeof(small)), 0u);
-    EXPECT_EQ(db.EncodeFileDataReq(small, sizeof(small)), 0u);
-    Feed(Hash(0, 1, 10)); // before the request: not even read
-    ASSERT_EQ(db.CheckProgress(), 0);
-    Bytes shortBody = Words({0, 1});
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        Feed(Record(kBase + 8, shortBody));
-        Feed(Data(shortBody, 0, 0, false));
-        EXPECT_EQ(db.GetState(), ZlTgtDb::StateHashRequested);
-        EXPECT_EQ(Tick(1000), 0);
-        EXPECT_EQ(Tick(1), attempt);
-        EXPECT_EQ(db.CheckProgress(), attempt); // the restart sends the next request
-    }
-    EXPECT_EQ(db.GetError(), "Target database extraction timed out while waiting for hash data");
-    ASSERT_EQ(db.sent.size(), 2u);
-    EXPECT_EQ(db.sent[0], db.sent[1]);
-    EXPECT_FALSE(OutputExists());
 }
 
 // Data phase faults the modem cannot stage (its own run end to end): the first restarts the

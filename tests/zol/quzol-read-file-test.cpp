@@ -1,4 +1,5 @@
-// The file reader on script-style files, the resync report records, and the file summary.
+// The file reader on script-style files, the record setters and resync report records, and the
+// file summary.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -80,6 +81,36 @@ TEST(QoZolReadFile, MissingOrEmptyFileYieldsNothingAndAScriptItsRecordsAndGaps) 
     // Sent again on the next target initialisation: the same records from the start.
     ASSERT_TRUE(run.reader.Rewind());
     EXPECT_EQ(run.ReadAll(), (std::vector<Bytes>{a, b, c}));
+}
+
+Bytes HeaderOf(const RecordPtr& r) {
+    return Bytes(r->GetData(), r->GetData() + 12);
+}
+
+// The setters a resync report relies on: a record made for a template's layout takes its id, KOR
+// and time into that layout's header.
+TEST(QoZolRecord, SettersWriteTheHeaderOfEachLayout) {
+    RecordPtr a(QoZolRecordTag::Create(14, 0x807F807F));
+    EXPECT_EQ(a->GetCapacity(), 16u); // room for the padding
+    // Rounding these up to a multiple of 4 would wrap to a zero capacity.
+    EXPECT_EQ(QoZolRecordTag::Create(0xFFFFFFFDu, 0x807F807Fu), nullptr);
+    a->SetId(0x1FFF);
+    a->SetKor(1);
+    EXPECT_FALSE(a->SetBodySize(17));
+    EXPECT_TRUE(a->SetBodySize(5));
+    // 5 words; packed 0xFFFF: id 0x1FFF, padding 3, KOR 1.
+    EXPECT_EQ(HeaderOf(a), (Bytes{0x7F, 0x80, 0x7F, 0x80, 0, 0, 0, 0, 5, 0, 0xFF, 0xFF}));
+
+    RecordPtr b(QoZolRecordTag::Create(8, 0xFB3E98));
+    b->SetId(0x3FFF);
+    ASSERT_TRUE(b->SetBodySize(7));
+    b->SetTime(0x12AABBCCDDull);
+    // The KOR switches the sync word and keeps the time's high byte; an invalid one changes
+    // nothing.
+    b->SetKor(1);
+    b->SetKor(7);
+    EXPECT_EQ(HeaderOf(b),
+              (Bytes{0x29, 0xCF, 0x30, 0x12, 0xDD, 0xCC, 0xBB, 0xAA, 5, 0, 0xFF, 0x7F}));
 }
 
 TEST(QoZolResyncReport, TextRecordCarriesTheGapOnceWithTemplateFields) {
