@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "at_peer.h"
-#include "zv-time.h"
 
 namespace {
 
@@ -70,25 +69,5 @@ TEST(AtPort, RepliesAreCutIntoLinesAndJudgedByAWholeOkLine) {
         ASSERT_TRUE(peer.Send("\r\nOK\r\n"));
         EXPECT_TRUE(peer.Port().SendAtCommandOk("at\r"));
         EXPECT_EQ("at\r", peer.Received(3));
-    }
-}
-
-TEST(AtPort, OpenFailuresNameTheirCause) {
-    ZvAtPortSerial noName("", 300), missing("/dev/zavra-no-such-tty", 300),
-        notTty("/dev/null", 300);
-    zavra_test::HeldPort refusing;
-    ZvAtPortSocket noAddress(nullptr, 5000, 500), noPort("127.0.0.1", 0, 500),
-        refused("127.0.0.1", refusing.Port(), 500);
-    const std::pair<ZvAtPort*, const char*> cases[] = {
-        {&noName, "Serial port name not configured."},
-        {&missing, "Failed to open AT port (2)."},
-        {&notTty, "Failed to open AT port (25)."}, // ENOTTY
-        {&noAddress, "Socket AT port name not configured."},
-        {&noPort, "Socket AT port name not configured."},
-        {&refused, "Failed to open socket AT port."},
-    };
-    for (const auto& [port, error] : cases) {
-        EXPECT_FALSE(port->Open());
-        EXPECT_EQ(error, port->errorText);
     }
 }

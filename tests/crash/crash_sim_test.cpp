@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "crash_recorder.h"
 #include "zavra_test_at.h"
 #include "zavra_test_files.h"
 #include "zsim-modem.h"
+#include "zv-at-port-util.h"
 #include "zv-file-util.h"
 #include "zv-time.h"
 
@@ -27,6 +27,14 @@ const char kHeaderStart[] = "\r\nstart of external ram content, start address=0x
 // The dialogue of a target that is dumped and reset.
 const Strings kFullDialogue = {"at%debug=?\r", "at%mode?\r",  "at%debug=2,1\r", "at%debug=0,0\r",
                                "at%debug\r",   "at%mode=0\r", "at%zreset\r"};
+
+// A crash check that records what it reports.
+class RecordingCrash : public ZvAtCrash {
+public:
+    using ZvAtCrash::ZvAtCrash;
+    void OnStatus(const char* text) override { statuses.push_back(text); }
+    std::vector<std::string> statuses;
+};
 
 std::string Text(const zsim::Bytes& bytes) {
     return std::string(bytes.begin(), bytes.end());
