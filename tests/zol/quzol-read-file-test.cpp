@@ -1,10 +1,8 @@
-// The file reader on script-style files, the record setters and resync report records, and the
-// file summary.
+// The file reader on script-style files, and the resync report records.
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "quzol-info.h"
 #include "quzol-read-file.h"
 #include "quzol-write.h"
 #include "zavra_test_files.h"
@@ -83,36 +81,6 @@ TEST(QoZolReadFile, MissingOrEmptyFileYieldsNothingAndAScriptItsRecordsAndGaps) 
     EXPECT_EQ(run.ReadAll(), (std::vector<Bytes>{a, b, c}));
 }
 
-Bytes HeaderOf(const RecordPtr& r) {
-    return Bytes(r->GetData(), r->GetData() + 12);
-}
-
-// The setters a resync report relies on: a record made for a template's layout takes its id, KOR
-// and time into that layout's header.
-TEST(QoZolRecord, SettersWriteTheHeaderOfEachLayout) {
-    RecordPtr a(QoZolRecordTag::Create(14, 0x807F807F));
-    EXPECT_EQ(a->GetCapacity(), 16u); // room for the padding
-    // Rounding these up to a multiple of 4 would wrap to a zero capacity.
-    EXPECT_EQ(QoZolRecordTag::Create(0xFFFFFFFDu, 0x807F807Fu), nullptr);
-    a->SetId(0x1FFF);
-    a->SetKor(1);
-    EXPECT_FALSE(a->SetBodySize(17));
-    EXPECT_TRUE(a->SetBodySize(5));
-    // 5 words; packed 0xFFFF: id 0x1FFF, padding 3, KOR 1.
-    EXPECT_EQ(HeaderOf(a), (Bytes{0x7F, 0x80, 0x7F, 0x80, 0, 0, 0, 0, 5, 0, 0xFF, 0xFF}));
-
-    RecordPtr b(QoZolRecordTag::Create(8, 0xFB3E98));
-    b->SetId(0x3FFF);
-    ASSERT_TRUE(b->SetBodySize(7));
-    b->SetTime(0x12AABBCCDDull);
-    // The KOR switches the sync word and keeps the time's high byte; an invalid one changes
-    // nothing.
-    b->SetKor(1);
-    b->SetKor(7);
-    EXPECT_EQ(HeaderOf(b),
-              (Bytes{0x29, 0xCF, 0x30, 0x12, 0xDD, 0xCC, 0xBB, 0xAA, 5, 0, 0xFF, 0x7F}));
-}
-
 TEST(QoZolResyncReport, TextRecordCarriesTheGapOnceWithTemplateFields) {
     RecordPtr templ(QoZolRecordTag::Create(0, 0x807F807F));
     templ->SetKor(1);
@@ -148,40 +116,6 @@ TEST(QoZolResyncReport, TextRecordCarriesTheGapOnceWithTemplateFields) {
     ASSERT_EQ(written.size(), 12 + ((gap.size() + 1 + 3) & ~size_t(3)));
     EXPECT_EQ(written.substr(12, gap.size() + 1), gap + '\0');
     EXPECT_EQ(written[10], 0x50);
-}
-
-TEST(QoZolInfo, SummarisesLayoutsKorsIdsTimesAndGaps) {
-    std::mt19937 rng(8);
-    Bytes bytes;
-    Append(bytes, Encode({1, 0, 0, 0x35, 100, RandomBody(4, rng)}));
-    Append(bytes, Encode({2, 0x30CF29, 0, 0x200, 0x0100000005ull, RandomBody(9, rng)}));
-    const Bytes c = Encode({3, 0, 2, 1, 0x10, {}});
-    AppendGarbage(bytes, 11, c, rng);
-    Append(bytes, c);
-    Append(bytes, Encode({1, 0, 1, 0x35, 50, {}}));
-    const Bytes cut = Encode({1, 0, 0, 1, 0, RandomBody(20, rng)});
-    bytes.insert(bytes.end(), cut.begin(), cut.begin() + 9);
-    FileRun run;
-    const std::string path = run.Write("capture.zom", bytes);
-
-    QoZolInfoResult info;
-    ASSERT_TRUE(QoZolInfo::GetInfo(path.c_str(), info));
-    using Counts = std::vector<unsigned long long>;
-    // Records, their bytes, skipped and trailing bytes; first, least and greatest time.
-    EXPECT_EQ((Counts{info.records, info.recordBytes, info.skippedBytes, info.trailingBytes,
-                      info.firstTime, info.minTime, info.maxTime}),
-              (Counts{4, 16 + 24 + 12 + 12, 11, 9, 100, 0x10, 0x0100000005ull}));
-    EXPECT_EQ(Counts(info.recordsPerLayout, info.recordsPerLayout + 4), (Counts{0, 2, 1, 1}));
-    EXPECT_EQ(Counts(info.recordsPerKor, info.recordsPerKor + 4), (Counts{1, 2, 1, 0}));
-    EXPECT_EQ((info.recordsPerId.at({1, 0x35})), 2u);
-    EXPECT_EQ(info.gaps.size(), 1u); // at 40, of 11 bytes, as the summary says:
-    ZvAString text;
-    QoZolInfo::Format(path.c_str(), info, text);
-    EXPECT_NE(text.find("lost step after offset 0x00000028, skipped 11 bytes"), std::string::npos);
-
-    ZvAString error;
-    EXPECT_FALSE(QoZolInfo::GetInfo(run.dir.File("none.zom").c_str(), info, nullptr, &error));
-    EXPECT_NE(error.find("Failed to open"), std::string::npos);
 }
 
 } // namespace
