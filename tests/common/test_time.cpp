@@ -14,18 +14,6 @@ static void SetTimeZone(const char* zone) {
 
 static constexpr long long kAug15At140509Utc = 1376575509LL * 1000000;
 
-// The tick is the wall clock in milliseconds, truncated to 32 bits; Sleep does the whole
-// seconds and the rest.
-TEST(ZvTime, TickFollowsTheWallClockAcrossTheWrapAndSleepWaitsItAll) {
-    EXPECT_EQ(ZvTime::DiffMsTime(0xFFFFFFF0u, 0x10u), 32u);
-    const unsigned start = ZvTime::GetMsTickTime();
-    EXPECT_LT(ZvTime::DiffMsTime(static_cast<unsigned>(time(nullptr) * 1000ULL), start), 2000u);
-    ZvTime::Sleep(1020);
-    const unsigned slept = ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime());
-    EXPECT_GE(slept + 1, 1020u); // the tick itself has millisecond granularity
-    EXPECT_LT(slept, 2500u);
-}
-
 // Accepts the text of the second before or after the call.
 static void ExpectNowAs(const char* (*get)(), const char* layout) {
     char before[64], after[64];
