@@ -37,5 +37,4 @@ TEST(ZvTime, LocalTimesFollowTheTimeZone) {
     SetTimeZone("UTC-3"); // the texts name the current local time
     ExpectNowAs(ZvTime::GetReverseTimeString, "%y-%m-%d_%H-%M-%S");
     ExpectNowAs(ZvTime::GetReverseTimeStringText, "%d/%m/%Y %H:%M:%S");
-    ExpectNowAs(ZvTime::GetNormalTimeString, "%H:%M:%S %d/%m/%y");
 }

@@ -142,49 +142,33 @@ TEST_F(SimCrash, EachFaultOfTheDialogueGivesItsReportsFilesAndCommands) {
     const Strings noDump = {"at%debug=?\r", "at%mode?\r", "at%debug=0,0\r", "at%debug\r"};
     Strings noDumpReset = noDump;
     noDumpReset.insert(noDumpReset.end(), {"at%mode=0\r", "at%zreset\r"});
-    const std::string reading = "Reading core dump of 300000 bytes.";
-    // files: the temporary files kept, by prefix.
+    const Strings dumpError = {"at%debug=?\r", "at%mode?\r", "at%debug=2,1\r", "at%debug=1,0\r",
+                               "at%debug\r"};
+    // reading: the dump's announced size is said; status: what is said after it, before the crash
+    // information, which is said to be retrieved when it is kept; files: those kept, by prefix.
     const struct {
         CrashFault fault;
-        Strings statuses;
+        bool reading;
+        const char* status;
         Strings commands;
         std::string files;
         bool raw;
     } cases[] = {
-        {CrashFault::NoFullDump, {kChecking, kRetrievedInfo}, noDumpReset, "crh clf", true},
-        {CrashFault::DumpError,
-         {kChecking, "Full core dump not supported trying alternate method.", kRetrievedInfo},
-         {"at%debug=?\r", "at%mode?\r", "at%debug=2,1\r", "at%debug=1,0\r", "at%debug\r"},
-         "crh clf",
-         true},
-        {CrashFault::NoFullDumpAvailable,
-         {kChecking, "No full core dump available.", kRetrievedInfo},
-         kFullDialogue,
-         "crh clf",
-         true},
-        {CrashFault::SplitHeader,
-         {kChecking, "Failed to find byte size, dumping all received data.", kRetrievedInfo},
-         kFullDialogue,
-         "exr crh clf",
-         true},
-        {CrashFault::ExtraAfterHeader,
-         {kChecking, "Reading core dump of 64 bytes.", kRetrievedInfo},
-         kFullDialogue,
-         "exr crh clf",
-         false},
-        {CrashFault::SilentMidDump,
-         {kChecking, reading,
-          "The core dump stopped after 150000 of 300000 bytes; it is not saved.", kRetrievedInfo},
-         kFullDialogue,
-         "crh clf",
-         false},
-        {CrashFault::Info200, {kChecking, reading}, kFullDialogue, "exr clf", false},
-        {CrashFault::Info201,
-         {kChecking, reading, kRetrievedInfo},
-         kFullDialogue,
-         "exr crh clf",
-         false},
-        {CrashFault::ModemMode, {kChecking, kRetrievedInfo}, noDump, "crh clf", true},
+        {CrashFault::NoFullDump, false, nullptr, noDumpReset, "crh clf", true},
+        {CrashFault::DumpError, false, "Full core dump not supported trying alternate method.",
+         dumpError, "crh clf", true},
+        {CrashFault::NoFullDumpAvailable, false, "No full core dump available.", kFullDialogue,
+         "crh clf", true},
+        {CrashFault::SplitHeader, false, "Failed to find byte size, dumping all received data.",
+         kFullDialogue, "exr crh clf", true},
+        {CrashFault::ExtraAfterHeader, false, "Reading core dump of 64 bytes.", kFullDialogue,
+         "exr crh clf", false},
+        {CrashFault::SilentMidDump, true,
+         "The core dump stopped after 150000 of 300000 bytes; it is not saved.", kFullDialogue,
+         "crh clf", false},
+        {CrashFault::Info200, true, nullptr, kFullDialogue, "exr clf", false},
+        {CrashFault::Info201, true, nullptr, kFullDialogue, "exr crh clf", false},
+        {CrashFault::ModemMode, false, nullptr, noDump, "crh clf", true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(zsim::CrashFaultName(c.fault));
@@ -194,7 +178,14 @@ TEST_F(SimCrash, EachFaultOfTheDialogueGivesItsReportsFilesAndCommands) {
         CrashAndWaitForLoader();
         EXPECT_TRUE(crash.GetCrash(modem().AtPortPath().c_str(), response));
         EXPECT_EQ("", crash.errorText);
-        EXPECT_EQ(c.statuses, crash.statuses);
+        Strings statuses = {kChecking};
+        if (c.reading)
+            statuses.push_back("Reading core dump of 300000 bytes.");
+        if (c.status != nullptr)
+            statuses.push_back(c.status);
+        if (c.files.find("crh") != std::string::npos)
+            statuses.push_back(kRetrievedInfo);
+        EXPECT_EQ(statuses, crash.statuses);
         EXPECT_EQ(c.commands, Commands());
         EXPECT_EQ(c.files, Kept(response));
         EXPECT_EQ(c.raw, response.coreDumpRaw);

@@ -136,31 +136,4 @@ TEST_F(TgtDbTest, DataFaultsFailTheAttemptAndLeaveNoFile) {
     EXPECT_TRUE(db.sent.empty());
 }
 
-TEST_F(TgtDbTest, RestartForgetsAHalfRecordAndTheLargestFileCompletes) {
-    const Bytes data = PatternData(0x200000, 11);
-    ASSERT_TRUE(db.Configure(path.c_str(), kBase));
-    ASSERT_EQ(db.CheckProgress(), 0);
-    Feed(Hash(0, 1, 0x200000));
-    ASSERT_EQ(db.CheckProgress(), 0);
-    // A stall inside a record: a reader still inside it would swallow the next confirm.
-    Bytes stale = Data(data, 0, 1000, true);
-    Feed(Bytes(stale.begin(), stale.begin() + 20));
-    EXPECT_EQ(Tick(501), 0);
-    EXPECT_EQ(db.CheckProgress(), 0);
-    Feed(Hash(0, 2, 0x200000));
-    ASSERT_EQ(db.CheckProgress(), 0);
-    Bytes stream;
-    for (size_t at = 0; at < data.size(); at += 20472) {
-        size_t n = std::min<size_t>(20472, data.size() - at);
-        Bytes record = Data(data, at, n, at + n < data.size());
-        stream.insert(stream.end(), record.begin(), record.end());
-    }
-    Feed(stream, 20000);
-    ASSERT_EQ(db.CheckProgress(), 2) << db.GetError();
-    EXPECT_EQ(Output(), Text(data));
-    EXPECT_EQ(db.sent.size(), 4u);
-    Feed(Data(data, 0, 8, false)); // late confirms change nothing
-    EXPECT_EQ(db.CheckProgress(), 2);
-}
-
 } // namespace

@@ -1,10 +1,9 @@
-// The file reader on script-style files, and the resync report records.
+// The file reader on script-style files: records, gaps, a rewind.
 #include <gtest/gtest.h>
 
 #include <string>
 
 #include "quzol-read-file.h"
-#include "quzol-write.h"
 #include "zavra_test_files.h"
 #include "zol-test-stream.h"
 
@@ -79,43 +78,6 @@ TEST(QoZolReadFile, MissingOrEmptyFileYieldsNothingAndAScriptItsRecordsAndGaps) 
     // Sent again on the next target initialisation: the same records from the start.
     ASSERT_TRUE(run.reader.Rewind());
     EXPECT_EQ(run.ReadAll(), (std::vector<Bytes>{a, b, c}));
-}
-
-TEST(QoZolResyncReport, TextRecordCarriesTheGapOnceWithTemplateFields) {
-    RecordPtr templ(QoZolRecordTag::Create(0, 0x807F807F));
-    templ->SetKor(1);
-    templ->SetTime(0x1234);
-    EXPECT_EQ(GenerateSyncErrorMessage("KOR1", 0x99, 16, 0, templ.get()), nullptr);
-    RecordPtr report(GenerateSyncErrorMessage("KOR1", 0x99, 16, 5, templ.get()));
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->GetKor(), 1u);
-    EXPECT_EQ(report->GetTime(), 0x1234u);
-
-    // Through a writer: reported once, after the record that found step again.
-    std::mt19937 rng(4);
-    const Bytes wire = Encode({1, 0, 1, 3, 0, {1, 2, 3, 4}});
-    Bytes bytes = wire;
-    AppendGarbage(bytes, 6, wire, rng);
-    Append(bytes, wire);
-    Append(bytes, wire);
-    FileRun run;
-    ASSERT_TRUE(run.reader.OpenRead(run.Write("in.zol", bytes).c_str()));
-    ASSERT_TRUE(run.reader.ReadRecord(run.record.get()));
-    ASSERT_TRUE(run.reader.ReadRecord(run.record.get()));
-    // 0xFFFFFFFF asks for no report and leaves the detection pending.
-    EXPECT_EQ(CheckAndHandleResyncErrors(run.reader, 0xFFFFFFFF, run.record.get()), nullptr);
-    QoZolWrite writer;
-    ASSERT_TRUE(writer.OpenWrite(run.dir.File("out.zol").c_str()));
-    EXPECT_TRUE(CheckAndHandleResyncErrors(writer, nullptr, run.reader, 0x50, run.record.get()));
-    ASSERT_TRUE(run.reader.ReadRecord(run.record.get()));
-    EXPECT_FALSE(CheckAndHandleResyncErrors(writer, "port", run.reader, 0x50, run.record.get()));
-    writer.Close();
-    const std::string written = zavra_test::ReadFile(run.dir.File("out.zol"));
-    const std::string gap =
-        "KOR1 stream sync error detected at offset '0x00000010', skipping '6' bytes";
-    ASSERT_EQ(written.size(), 12 + ((gap.size() + 1 + 3) & ~size_t(3)));
-    EXPECT_EQ(written.substr(12, gap.size() + 1), gap + '\0');
-    EXPECT_EQ(written[10], 0x50);
 }
 
 } // namespace
