@@ -10,24 +10,6 @@
 namespace apptest {
 namespace {
 
-TEST(Capture, LargeStreamLandsByteForByteThenSigintGivesTwo) {
-    const uint64_t size = 64ull << 20;
-    Bench bench;
-    bench.StartFlood(size);
-    zavra_test::Process tool;
-    StartTool(tool, {"-d" + bench.Port(), "-t", bench.Out()});
-    ASSERT_TRUE(bench.modem.WaitUntil(zsim::GeneratorDone(), 240000)) << tool.Stderr();
-    ASSERT_TRUE(bench.modem.WaitUntil(zsim::Drained(), 20000));
-    tool.Signal(SIGINT);
-    ExpectExit(tool, 2);
-    const zsim::ModemCounters counters = bench.modem.Counters();
-    EXPECT_EQ(counters.streamBytes, size);
-    ExpectCaptured(bench.Out(), bench, counters.sent);
-    // The statistics line counted the same bytes.
-    EXPECT_NE(tool.Stderr().find("Merged Stream: " + std::to_string(counters.sent) + "/"),
-              std::string::npos);
-}
-
 // SIGTERM gives 15; a second signal during the drain changes neither the status nor the close.
 TEST(Capture, SignalsCloseTheChannelOnceAfterTheDrain) {
     for (bool second : {false, true}) {

@@ -135,6 +135,13 @@ struct CrashRun {
         }
     }
     std::string Path(const std::string& name) const { return bench.dir.File(name); }
+    // The modem is back for the `times`th time and has sent `bytes` more since.
+    bool BackAndSending(unsigned times, uint64_t bytes) {
+        if (!bench.modem.WaitUntil(zsim::Reconnected(times), 30000))
+            return false;
+        const uint64_t sent = bench.modem.Counters().sent;
+        return bench.modem.WaitUntil(zsim::SentAtLeast(sent + bytes), 20000);
+    }
     // Waits until the tool has printed `text` `times` times.
     bool WaitForOutput(const std::string& text, int timeoutMs, int times = 1) {
         auto printed = [&] { return zavra_test::CountOf(tool.Stderr(), text) >= times; };
@@ -439,42 +446,6 @@ std::vector<std::string> Logs(const std::string& dir) {
     return logs;
 }
 
-// In daemon mode each crash gets a bundle named after the log that was being written, beside
-// the logs; the store re-opens the port when the modem is back and a later crash of a later log
-// gets a bundle of its own.
-TEST(CrashDaemon, EachCrashGetsTheBundleOfItsLogAndLoggingResumes) {
-    CrashRun run;
-    // Logs are named by the second they start: the first crash comes a second or more after the
-    // start, so that the log after it has a name of its own.
-    run.bench.options.gen.bytesPerSecond = 200u << 10;
-    const std::string store = run.Path("logs");
-    run.Start({"-a" + store});
-    const std::string saved = "TARGET-CRASH: Crash ZIP saved to '";
-    ASSERT_TRUE(run.WaitForOutput(saved, 60000)) << run.tool.Stderr();
-
-    // Logging resumes: the modem's port is back, the channel open again, a new log growing.
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 30000)) << run.tool.Stderr();
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::ChannelOpen(), 20000)) << run.tool.Stderr();
-    const uint64_t sent = run.bench.modem.Counters().sent;
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 20000));
-    run.bench.modem.Apply(zsim::Control::Crash());
-    ASSERT_TRUE(run.WaitForOutput(saved, 60000, 2)) << run.tool.Stderr();
-    run.tool.Signal(SIGTERM);
-    ExpectExit(run.tool, 15);
-
-    // The first two logs have their bundles (a third may have begun when the port came back).
-    const std::vector<std::string> logs = Logs(store);
-    ASSERT_GE(logs.size(), 2u);
-    for (size_t i = 0; i < 2; ++i) {
-        const std::string log = logs[i];
-        SCOPED_TRACE(log);
-        EXPECT_TRUE(Contains(run.tool.Stderr(), saved + store + "/" + log + "-crash.zip'"));
-        EXPECT_TRUE(zavra_test::FileExists(store + "/" + log + "-crash.txt"));
-        ExpectZip(store + "/" + log + "-crash.zip", run.ExpectedZip(log + "-crashlog.txt", true));
-    }
-    EXPECT_EQ(Leftovers(store), std::set<std::string>());
-}
-
 // The modem comes back with its log port under another name, and the old name leads to its AT
 // port: a daemon whose port comes from an interface definition file finds the log port again,
 // says so once on standard error and in its journal, and logs on.
@@ -489,10 +460,7 @@ TEST(CrashDaemon, ALogPortThatComesBackUnderAnotherNameIsFoundAgain) {
         << run.tool.Stderr();
     run.Renumber(1, "log", run.bench.modem.AtPortPath());
     run.bench.modem.Apply(zsim::Control::HangUp(300));
-    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(1), 10000));
-    const uint64_t sent = run.bench.modem.Counters().sent;
-    EXPECT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (64u << 10)), 10000))
-        << run.tool.Stderr();
+    EXPECT_TRUE(run.BackAndSending(1, 64u << 10)) << run.tool.Stderr();
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
     const std::string now = "The serial logging interface from '" + ports + "' is now '" +
@@ -541,9 +509,7 @@ TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
     for (int crash = 1; crash <= crashes; ++crash) {
         SCOPED_TRACE(crash);
         if (crash > 1) {
-            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crash - 1), 30000));
-            const uint64_t sent = run.bench.modem.Counters().sent;
-            ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (2u << 20)), 20000));
+            ASSERT_TRUE(run.BackAndSending(crash - 1, 2u << 20));
             if (crash == crashes)
                 run.bench.modem.Apply(zsim::Control::Fault(zsim::CrashFault::OversizeAnnounced));
             run.bench.modem.Apply(zsim::Control::Crash());
@@ -558,9 +524,7 @@ TEST(CrashDaemon, RepeatedCrashesStayWithinTheBudgetAndTheNewestBundleIsKept) {
             << run.tool.Stderr();
         EXPECT_LE(StoreBytes(store), budget);
     }
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::Reconnected(crashes), 30000));
-    const uint64_t sent = run.bench.modem.Counters().sent;
-    ASSERT_TRUE(run.bench.modem.WaitUntil(zsim::SentAtLeast(sent + (1u << 20)), 20000));
+    ASSERT_TRUE(run.BackAndSending(crashes, 1u << 20));
     run.tool.Signal(SIGTERM);
     ExpectExit(run.tool, 15);
 

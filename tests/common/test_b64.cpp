@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <random>
-#include <tuple>
 
 #include "scratch_dir.h"
 #include "zv-b64.h"
@@ -14,38 +13,13 @@ static ZvAString Encoded(const ZvAString& bytes) {
     return out;
 }
 
-static ZvAString Decoded(const ZvAString& text, bool* ok = nullptr, ZvAString* error = nullptr) {
+// Padding, white space and bad characters are checked on crash information (CrashDecode).
+static ZvAString Decoded(const ZvAString& text) {
     ZvAString out("stale");
     unsigned length = 12345;
-    bool result = ZvB64::Decode(text.data(), static_cast<int>(text.size()), out, length, error);
+    EXPECT_TRUE(ZvB64::Decode(text.data(), static_cast<int>(text.size()), out, length, nullptr));
     EXPECT_EQ(length, out.size());
-    if (ok != nullptr)
-        *ok = result;
     return out;
-}
-
-// Plain encoding and decoding of every length is checked against coreutils below. Missing
-// positions count as zero, '=' ends the whole decode, and a bad character keeps what came before.
-TEST(ZvB64, PaddingWhiteSpaceAndBadCharacters) {
-    const std::tuple<ZvAString, ZvAString, char> cases[] = {
-        // text, decoded bytes, the bad character (0 for none)
-        {"QQ", ZvAString("A\0\0", 3), 0},
-        {"QQ=A", "A", 0},
-        {" Zm9v\r\n\tYmFy \n", "foobar", 0},
-        {"Q Q==", ZvAString("A\0", 2), 0},
-        {"====", ZvAString("\0", 1), 0},
-        {"*", "", '*'},
-        {"Zm9vYm-y", "foo", '-'},
-        {"Zm9v\xff", "foo", '\xff'}};
-    for (auto& [text, bytes, bad] : cases) {
-        bool ok = bad != 0;
-        ZvAString error;
-        EXPECT_EQ(Decoded(text, &ok, &error), bytes) << text;
-        EXPECT_EQ(ok, bad == 0) << text;
-        const ZvAString message =
-            "Base 64 decode error. An input character is out of range 0x02X '";
-        EXPECT_EQ(error, bad == 0 ? ZvAString() : message + bad + "'.");
-    }
 }
 
 using ZvB64Coreutils = ScratchDir;

@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "at_peer.h"
-#include "zv-time.h"
 
 namespace {
 
@@ -70,80 +69,5 @@ TEST(AtPort, RepliesAreCutIntoLinesAndJudgedByAWholeOkLine) {
         ASSERT_TRUE(peer.Send("\r\nOK\r\n"));
         EXPECT_TRUE(peer.Port().SendAtCommandOk("at\r"));
         EXPECT_EQ("at\r", peer.Received(3));
-    }
-}
-
-TEST(AtPort, SilentAndVanishedPeers) {
-    // Over TCP the bytes sent before a close are still read and the close is a read failure. A
-    // pty's hang-up discards the unread bytes and reads then return nothing at once, which the
-    // serial transport cannot tell from silence.
-    const struct {
-        Transport transport;
-        bool gotReply;
-        std::vector<std::string> lines;
-        const char* readError;
-        const char* writeError;
-    } cases[] = {
-        {Transport::Tcp,
-         true,
-         {"", "OK", "PAR"},
-         "Failed to read from AT port.",
-         "Failed to write to AT port."},
-        {Transport::Pty,
-         false,
-         {},
-         "No response received on AT port.",
-         "Failed to write to AT port (error = 5)."}, // EIO
-    };
-    for (const auto& c : cases) {
-        AtPeer peer(c.transport, 1500);
-        SCOPED_TRACE(peer.Name());
-        ASSERT_TRUE(peer.Connect());
-        // Nothing at all: the reply is empty after one time-out of silence.
-        ZvAStringList lines;
-        unsigned start = ZvTime::GetMsTickTime();
-        EXPECT_FALSE(peer.Port().SendAtCommand("at\r", lines));
-        EXPECT_GE(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1400u);
-        EXPECT_EQ("No response received on AT port.", peer.Port().errorText);
-
-        ASSERT_TRUE(peer.Send("\r\nOK\r\nPAR"));
-        peer.Close();
-        start = ZvTime::GetMsTickTime();
-        EXPECT_EQ(c.gotReply, peer.Port().GetResponse(lines));
-        EXPECT_LT(ZvTime::DiffMsTime(start, ZvTime::GetMsTickTime()), 1000u) << "not waited for";
-        EXPECT_EQ(c.lines, Lines(lines));
-        EXPECT_EQ(c.readError, peer.Port().errorText);
-
-        // Writes to the vanished peer fail (a socket may take a few before it notices) and never
-        // raise SIGPIPE; the reply-reading form gives the plain message and empties the lines.
-        bool written = true;
-        for (int i = 0; i < 100 && written; ++i)
-            written = peer.Port().SendAtCommand("at%mode?\r");
-        EXPECT_FALSE(written);
-        EXPECT_EQ(c.writeError, peer.Port().errorText);
-        lines.Add("stale");
-        EXPECT_FALSE(peer.Port().SendAtCommand("at%mode?\r", lines));
-        EXPECT_EQ("Failed to write to AT port.", peer.Port().errorText);
-        EXPECT_TRUE(lines.Empty());
-    }
-}
-
-TEST(AtPort, OpenFailuresNameTheirCause) {
-    ZvAtPortSerial noName("", 300), missing("/dev/zavra-no-such-tty", 300),
-        notTty("/dev/null", 300);
-    zavra_test::HeldPort refusing;
-    ZvAtPortSocket noAddress(nullptr, 5000, 500), noPort("127.0.0.1", 0, 500),
-        refused("127.0.0.1", refusing.Port(), 500);
-    const std::pair<ZvAtPort*, const char*> cases[] = {
-        {&noName, "Serial port name not configured."},
-        {&missing, "Failed to open AT port (2)."},
-        {&notTty, "Failed to open AT port (25)."}, // ENOTTY
-        {&noAddress, "Socket AT port name not configured."},
-        {&noPort, "Socket AT port name not configured."},
-        {&refused, "Failed to open socket AT port."},
-    };
-    for (const auto& [port, error] : cases) {
-        EXPECT_FALSE(port->Open());
-        EXPECT_EQ(error, port->errorText);
     }
 }

@@ -132,41 +132,4 @@ TEST_F(CrashDecode, HardFailuresEndTheDecodeAndKeepEarlierFiles) {
     EXPECT_EQ(m_decode.outputFiles[0], m_dir.File("ok.txt"));
 }
 
-TEST_F(CrashDecode, NamesThatLeaveTheOutputDirectoryAreSkippedWithAWarning) {
-    const std::string input = m_out + "/crash.txt"; // decoded beside itself
-    const std::string absolute = m_dir.File("abs.txt");
-    const std::vector<std::string> names = {
-        "",
-        ".",
-        "..",
-        "../escape.txt",
-        absolute,
-        "sub/in.txt",
-        "back\\slash.txt",
-        "esc\x1b[2J",
-        "a..b",
-        std::string(256, 'n'),
-        "crash.txt",
-    };
-    std::string text = Head("", "text/plain") + "unnamed\n";
-    for (size_t i = 1; i < names.size(); ++i)
-        text += Head(names[i], "") + "hostile\n";
-    text += Head("good.txt", "") + "good\n" + B + "\n\n";
-
-    crash_test::WarningLog log;
-    EXPECT_TRUE(Decode(text, input)) << m_decode.errorText;
-    EXPECT_EQ(Listed(), (Files{{"good.txt", "good"}}));
-    ASSERT_EQ(log.messages.size(), names.size());
-    for (size_t i = 0; i < names.size(); ++i)
-        EXPECT_EQ(log.messages[i],
-                  "Crash section '" + (i == 7 ? "esc\\x1b[2J" : names[i]) + "' in '" + input +
-                      (i + 1 < names.size() ? "' is not a plain file name in the output "
-                                              "directory and was skipped."
-                                            : "' would replace a retrieved file and was skipped."));
-    EXPECT_EQ(ReadFile(input), text);
-    for (const std::string& stray :
-         {m_dir.File("escape.txt"), absolute, m_out + "/sub/in.txt", m_out + "/back\\slash.txt"})
-        EXPECT_FALSE(FileExists(stray)) << stray;
-}
-
 } // namespace

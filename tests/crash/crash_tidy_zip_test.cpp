@@ -1,7 +1,10 @@
+// Crash tidy and the crash zip: the joined per-core logs, the one zip that takes every file, the
+// zip writer; zips are read back by zipfile.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -9,8 +12,8 @@
 #include "zavra_test_files.h"
 #include "zv-crash-decode-zip.h"
 #include "zv-file-util.h"
+#include "zv-zip.h"
 
-using zavra_test::FileExists;
 using zavra_test::ReadFile;
 using zavra_test::WriteFile;
 using Names = std::vector<std::string>;
@@ -54,52 +57,6 @@ protected:
     zavra_test::TempDir m_dir;
 };
 
-const std::string kThread1 = "<logging_kor1_chunk1.zol><logging_kor1_chunk2.zol>";
-
-TEST_F(CrashTidy, LogChunksOfEachCoreAreJoined) {
-    const Names chunks = {"logging_kor1_chunk2.zol", "logging_kor1_chunk1.zol",
-                          "logging_kor2_chunk1.zol", "logging_kor0_chunk2.zol"};
-    for (bool move : {false, true}) {
-        ZvAStringList tidied;
-        EXPECT_TRUE(ZvCrashTidy(Files(chunks), nullptr, tidied, move, nullptr));
-        // Core 1 is joined; a chunk without its partner stays as it is.
-        EXPECT_EQ(Short(tidied), (Names{"logging_kor2_chunk1.zol", "logging_kor0_chunk2.zol",
-                                        "logging_kor_thread1.zol"}));
-        EXPECT_EQ(ReadFile(P("logging_kor_thread1.zol")), kThread1);
-        EXPECT_EQ(FileExists(P(chunks[0])) && FileExists(P(chunks[1])), !move);
-        EXPECT_TRUE(FileExists(P(chunks[2])) && FileExists(P(chunks[3])));
-    }
-}
-
-TEST_F(CrashTidy, JoinFailuresNameChunkTwoAndTheTarget) {
-    const std::string c1 = P("logging_kor0_chunk1.zol"), c2 = P("logging_kor0_chunk2.zol");
-    const std::string target = P("logging_kor_thread0.zol");
-    const struct {
-        bool move, busyTarget; // a non-empty directory is neither replaced nor removed
-        std::string verb;
-        Names after;
-    } cases[] = {
-        {false, true, "copy", {c1, c2}},
-        {true, true, "rename", {c1, c2}},
-        {true, false, "append", {target, c2}}, // chunk 2 is gone; chunk 1 is now the target
-    };
-    for (const auto& c : cases) {
-        ZvFileUtil::DeleteDir(target.c_str(), true);
-        ZvAStringList files = Files({"logging_kor0_chunk1.zol", "logging_kor0_chunk2.zol"});
-        if (c.busyTarget) {
-            ASSERT_TRUE(ZvFileUtil::MakeDir(target.c_str()));
-            ASSERT_TRUE(WriteFile(target + "/x", ""));
-        } else {
-            remove(c2.c_str());
-        }
-        ZvAString error;
-        EXPECT_FALSE(ZvCrashTidyZolChunks(0, files, c.move, &error));
-        EXPECT_EQ(error, "Failed to " + c.verb + " file from '" + c2 + "' to '" + target + "'.");
-        EXPECT_EQ(Short(files), Short(Files(c.after, false)));
-        EXPECT_EQ(ReadFile(c.after[0]), "<logging_kor0_chunk1.zol>");
-    }
-}
-
 TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
     ASSERT_TRUE(crash_test::WriteTargetZip(P("crash_dump_1.zip")));
     const ZvAStringList decoded =
@@ -113,18 +70,18 @@ TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
     EXPECT_EQ(zipPath, P("crash_dump_1.zip"));
     EXPECT_EQ(error, "Failed to add the '" + P("gone.txt") + "' file to the crash dump zip file.");
     auto expected = crash_test::TargetZipEntries();
-    expected.insert({{"bb_events_dup.txt", "<bb_events.txt>"},
-                     {"extram.dmp", "<run-extram.dmp>"},
-                     {"logging_kor_thread1.zol", kThread1},
-                     {"m.log", "<m.log>"},
-                     {"run-crashlog.txt", "<run-crashlog.txt>"}});
+    expected.insert(
+        {{"bb_events_dup.txt", "<bb_events.txt>"},
+         {"extram.dmp", "<run-extram.dmp>"},
+         {"logging_kor_thread1.zol", "<logging_kor1_chunk1.zol><logging_kor1_chunk2.zol>"},
+         {"m.log", "<m.log>"},
+         {"run-crashlog.txt", "<run-crashlog.txt>"}});
     EXPECT_EQ(Zip(zipPath), expected);
     EXPECT_EQ(Left(m_dir.Path()),
               (Names{"crash_dump-1.zip", "crash_dump.zip", "crash_dump_1.zip"}));
 
-    // A damaged zip from the target goes in whole, as one entry of a new crash zip, and one whose
-    // entry names would reach out of the folder it is unpacked in gets them made safe; a crash
-    // zip is only ever complete.
+    // A damaged zip from the target goes in whole, as one entry of a new crash zip. (A whole one
+    // whose names reach out of its folder is made safe in the end-to-end crash tests.)
     const std::string corrupt = "not a zip";
     ASSERT_TRUE(WriteFile(zipPath, corrupt));
     EXPECT_TRUE(ZvCrashZip(Files({"m.log", "crash_dump_1.zip"}), nullptr, zipPath, false, &error));
@@ -132,107 +89,45 @@ TEST_F(CrashTidy, ZipTakesEveryFileUnderItsNameIntoTheOneCrashDumpZip) {
                          "' in the crash information is damaged; it is kept whole inside the "
                          "crash zip.");
     EXPECT_EQ(Zip(zipPath), (Entries{{"crash_dump_1.zip", corrupt}, {"m.log", "<m.log>"}}));
-    ASSERT_TRUE(crash_test::WriteZip(zipPath, {{"../../evil.txt", "a"},
-                                               {"/etc/passwd", "b"},
-                                               {"bell\a\\x.txt", "c"},
-                                               {std::string(300, 'n'), "d"},
-                                               {"logs/kept.txt", "e"}}));
-    error.clear();
-    EXPECT_TRUE(ZvCrashZip(Files({"m.log", "crash_dump_1.zip"}), nullptr, zipPath, false, &error));
-    EXPECT_EQ(error, "");
-    EXPECT_EQ(Zip(zipPath), (Entries{{"__/__/evil.txt", "a"},
-                                     {"etc/passwd", "b"},
-                                     {"bell_/x.txt", "c"},
-                                     {std::string(255, 'n'), "d"},
-                                     {"logs/kept.txt", "e"},
-                                     {"m.log", "<m.log>"}}));
-    EXPECT_EQ(Left(m_dir.Path()),
-              (Names{"crash_dump-1.zip", "crash_dump.zip", "crash_dump_1.zip", "m.log"}))
-        << "nothing half-made beside them";
-
     EXPECT_FALSE(ZvCrashZip(Files({"m.log"}), nullptr, zipPath, true, &error));
     EXPECT_EQ(error, "Failed to find the crash dump zip file in the crash information.");
     EXPECT_EQ(ReadFile(P("m.log")), "<m.log>");
 }
 
-TEST_F(CrashTidy, DecodeZipLeavesOneZipPerCrash) {
-    const struct {
-        bool coreDump, raw, keepText;
-        Names files;
-        const char* dumpEntry;
-    } cases[] = {
-        {true, false, true, {"crash.txt", "core_dump_1.zip"}, "extram.bin"},
-        {true, true, false, {"core_dump_1.zip"}, "extram.dmp"},
-        {false, true, true, {"crash.txt", "crash_dump_1.zip"}, nullptr},
+// The zip writer alone: new and appended entries, read back by zipfile.
+TEST_F(CrashTidy, ZipEntriesCreatedAndAppendedReadBackByteForByte) {
+    // A file of `size` pseudo-random bytes below `range`; its content.
+    const auto make = [&](const std::string& name, size_t size, unsigned range) {
+        std::mt19937 random(static_cast<unsigned>(size));
+        std::string data(size, '\0');
+        for (char& c : data)
+            c = static_cast<char>(random() % range);
+        EXPECT_TRUE(WriteFile(P(name), data));
+        return data;
     };
-    std::string text = "AT%DEBUG=0,0\r\n--Zavra debug info\r\nContent-Description: "
-                       "crash_dump_1.zip\r\nContent-Transfer-Encoding: x-base64\r\n\r\n" +
-                       std::string(crash_test::kTargetZipBase64);
-    // A section named like the retrieved crash log must not replace it.
-    for (const char* name : {"bb_events.txt", "logging_kor0_chunk1.zol", "crashlog.txt"})
-        text += std::string("--Zavra debug info\r\nContent-Description: ") + name +
-                "\r\nContent-Transfer-Encoding: text/plain\r\n\r\n<" + name + ">\r\n";
-    text += "--Zavra debug info--\r\n\r\nOK\r\n";
-    for (const auto& c : cases) {
-        zavra_test::TempDir out;
-        ZvAtCrash::Response response;
-        response.crashLogFile = P("clfAAAAAA").c_str();
-        response.crashInfoFile = P("crhAAAAAA").c_str();
-        response.coreDumpFile = c.coreDump ? P("exrAAAAAA").c_str() : "";
-        response.coreDumpRaw = c.raw;
-        ASSERT_TRUE(WriteFile(response.crashLogFile, "crash log") &&
-                    WriteFile(response.crashInfoFile, text) &&
-                    WriteFile(P("exrAAAAAA"), std::string(70000, '\xa5')));
-        ZvAStringList files;
-        ZvAString error;
-        EXPECT_TRUE(ZvCrashDecodeZip(response, out.Path().c_str(), files, &error, c.keepText));
-        EXPECT_EQ(error, "");
-        EXPECT_EQ(Short(files), c.files);
-        EXPECT_EQ(files[files.Count() - 1], out.File(c.files.back()));
-        Entries entries = Zip(out.File(c.files.back()));
-        EXPECT_EQ(entries.size(), c.dumpEntry != nullptr ? 6u : 5u);
-        EXPECT_EQ(entries["crashlog.txt"], "crash log");
-        EXPECT_EQ(entries["bb_events_dup.txt"], "<bb_events.txt>");
-        if (c.dumpEntry != nullptr) {
-            EXPECT_EQ(entries[c.dumpEntry], std::string(70000, '\xa5'));
-        }
-        // Everything else is inside the zip; the text stays, listed or not.
-        Names left = {"crash.txt", c.files.back()};
-        std::sort(left.begin(), left.end());
-        EXPECT_EQ(Left(out.Path()), left);
-        EXPECT_EQ(ReadFile(out.File("crash.txt")), text);
-    }
-}
+    const std::string other = P("other.zip"), made = P("made.zip");
+    ASSERT_TRUE(crash_test::WriteTargetZip(other)); // made by another tool
+    const std::string empty = make("empty", 0, 256), binary = make("binary", 100000, 256);
+    const std::string log = make("log", 400000, 4); // two bits a byte: about a quarter
 
-TEST_F(CrashTidy, DecodeZipFailuresKeepTheFilesUnderTheirFinalNames) {
-    // A non-empty directory where the crash log should go: the rename fails.
-    const std::string out = P("out"), log = Files({"clfBBBBBB"})[0];
-    ASSERT_TRUE(ZvFileUtil::MakeDir(out.c_str()) &&
-                ZvFileUtil::MakeDir((out + "/crashlog.txt").c_str()) &&
-                WriteFile(out + "/crashlog.txt/x", ""));
-    ZvAtCrash::Response response;
-    response.crashLogFile = log.c_str();
-    response.coreDumpFile = Files({"exrBBBBBB"})[0];
-    response.crashInfoFile = Files({"crhBBBBBB"})[0];
-    const std::string noZip = "--Zavra debug info\nContent-Description: only.txt\n"
-                              "Content-Transfer-Encoding: text/plain\nno zip\n--Zavra debug info\n";
-    ASSERT_TRUE(WriteFile(response.crashInfoFile, noZip));
-    ZvAStringList files;
-    ZvAString error;
-    EXPECT_TRUE(ZvCrashDecodeZip(response, out.c_str(), files, &error, false));
-    EXPECT_EQ(error, "Failed to find the crash dump zip file in the crash information.");
-    EXPECT_EQ(Short(files), (Names{"clfBBBBBB", "extram.dmp", "crash.txt"}));
-    EXPECT_EQ(files[0], log);
-    EXPECT_EQ(ReadFile(log) + ReadFile(out + "/extram.dmp") + ReadFile(out + "/only.txt"),
-              "<clfBBBBBB><exrBBBBBB>no zip");
+    ZvZip zip;
+    ASSERT_TRUE(zip.Open(made.c_str(), false));
+    EXPECT_EQ(zip.GetPath(), made);
+    EXPECT_TRUE(zip.Add(P("empty").c_str(), "empty.bin"));
+    EXPECT_TRUE(zip.Add(P("binary").c_str(), "dir/binary.bin"));
+    EXPECT_TRUE(zip.Add(P("log").c_str(), nullptr)); // under its path, made relative
+    EXPECT_FALSE(zip.Add(P("missing").c_str(), "missing"));
+    ASSERT_TRUE(zip.Open(other.c_str(), true)); // closes the first zip
+    EXPECT_TRUE(zip.Add(P("binary").c_str(), "added.bin"));
+    EXPECT_TRUE(zip.Close());
 
-    response = ZvAtCrash::Response();
-    response.crashInfoFile = P("crhCCCCCC").c_str();
-    ASSERT_TRUE(WriteFile(P("crhCCCCCC"), "--Zavra debug info\nContent-Type: x\nbody\nmore\n"));
-    EXPECT_TRUE(ZvCrashDecodeZip(response, out.c_str(), files, &error, false));
-    EXPECT_EQ(error, "Crash data encoding not specified.");
-    EXPECT_EQ(files[0], out + "/crash.txt");
-    EXPECT_FALSE(ZvCrashDecodeZip(ZvAtCrash::Response(), out.c_str(), files, nullptr, true));
+    EXPECT_EQ(
+        Zip(made),
+        (Entries{{"empty.bin", empty}, {"dir/binary.bin", binary}, {P("log").substr(1), log}}));
+    EXPECT_LT(zavra_test::FileSize(made), 100000 + 400000 / 2);
+    Entries expected = crash_test::TargetZipEntries();
+    expected["added.bin"] = binary;
+    EXPECT_EQ(Zip(other), expected);
 }
 
 } // namespace

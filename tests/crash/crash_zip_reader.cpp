@@ -1,6 +1,6 @@
 #include "crash_zip_reader.h"
 
-#include <sys/wait.h>
+#include "zavra_test_process.h"
 
 #include <cstdio>
 
@@ -28,14 +28,7 @@ bool Python(const char* script, const std::vector<std::string>& args, std::strin
     std::string command = "python3 -c " + Quoted(script);
     for (const std::string& arg : args)
         command += " " + Quoted(arg);
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr)
-        return false;
-    char buffer[4096];
-    for (size_t got; (got = fread(buffer, 1, sizeof buffer, pipe)) > 0;)
-        output.append(buffer, got);
-    const int status = pclose(pipe);
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    return zavra_test::Shell(command, output) == 0;
 }
 
 } // namespace

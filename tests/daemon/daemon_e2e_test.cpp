@@ -185,35 +185,3 @@ TEST(DaemonTool, AClientBehindAStallingLinkGetsEveryByteFromItsConnection) {
         << "the client's stream is the tail of the modem's, byte for byte";
     EXPECT_EQ(JournalCount(run.store, "dropping data for the client"), 0);
 }
-
-// A full disk needs a small tmpfs on the daemon directory; without the right to mount, the store's
-// test with a segment linked to /dev/full still covers ENOSPC (a file size limit gives EFBIG).
-TEST(DaemonTool, AFullDiskIsJournalledTheClientKeepsTheStreamAndWritingResumes) {
-    DaemonRun run;
-    SmallFileSystem fs(run.store, "size=1m");
-    if (!fs.mounted)
-        GTEST_SKIP() << "mounting a small file system is not allowed here (errno " << errno << ")";
-    zavra_test::WriteFile(run.StoreFile("filler.bin"), std::string(256 << 10, 'f'));
-
-    run.StartModem(0, 2000000);
-    run.StartTool("", {run.Serve()});
-    int client = run.Connect();
-    ASSERT_TRUE(run.WaitForJournal("NewLogData. Call to fwrite failed", 10000));
-    // The stream still reaches the client while nothing can be written.
-    EXPECT_EQ(zavra_test::ReadExactly(client, 500000, 5000).size(), 500000u);
-    ASSERT_TRUE(run.tool.Running());
-
-    unlink(run.StoreFile("filler.bin").c_str());
-    ASSERT_TRUE(run.WaitForJournal("NewLogData. Writing resumed, ", 5000));
-    run.modem.Apply(zsim::Control::StreamOn(false));
-    ASSERT_TRUE(run.modem.WaitUntil(zsim::Drained(), 5000));
-    close(client);
-    run.Terminate();
-
-    EXPECT_EQ(JournalCount(run.store, ", errno=28, file="), 1);
-    // What came after the room was made is on disk, up to the last byte.
-    const std::string sent = run.Sent();
-    const std::string kept = ZomConcat(run.store);
-    ASSERT_GT(kept.size(), 4096u);
-    EXPECT_TRUE(kept.substr(kept.size() - 4096) == sent.substr(sent.size() - 4096));
-}

@@ -105,9 +105,10 @@ TEST(DaemonStore, TheBudgetHoldsAfterEveryChunkAndKeepsTheStreamsTail) {
         ASSERT_EQ(mkdir(store.File("folder.zom").c_str(), 0755), 0);
         ASSERT_TRUE(store.Start(sizes.first, sizes.second));
         unlink(store.File("daemon_21-01-01_00-00-00_000.zom").c_str());
+        // One byte, then whole half segments: the store reaches its budget plus one byte.
         const std::string stream = MakeStream(40 * 333);
-        for (size_t at = 0; at < stream.size(); at += 333) {
-            store.Feed(stream.substr(at, 333), 333);
+        for (size_t at = 0, n = 1; at < stream.size(); at += n, n = 500) {
+            store.Feed(stream.substr(at, n), n);
             ASSERT_LE(ZomBytes(store.dir), static_cast<long long>(sizes.first)) << at;
         }
         const std::string kept = ZomConcat(store.dir);

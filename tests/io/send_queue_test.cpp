@@ -9,10 +9,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "zavra_test_net.h"
 #include "zavra_test_process.h"
 #include "zv-send-queue.h"
 #include "zv-socket.h"
@@ -47,21 +49,8 @@ struct Link {
         ZvSocket::CloseSocketServer(server);
     }
     // Reads what has arrived until nothing more comes for `quietMs`.
-    std::string ReadUntilQuiet(unsigned quietMs = 300) {
-        std::string got;
-        char buffer[65536];
-        for (;;) {
-            timeval tv{0, static_cast<suseconds_t>(quietMs * 1000)};
-            fd_set set;
-            FD_ZERO(&set);
-            FD_SET(far, &set);
-            if (select(far + 1, &set, nullptr, nullptr, &tv) <= 0)
-                return got;
-            ssize_t n = read(far, buffer, sizeof buffer);
-            if (n <= 0)
-                return got;
-            got.append(buffer, static_cast<size_t>(n));
-        }
+    std::string ReadUntilQuiet(int quietMs = 300) const {
+        return zavra_test::ReadUntilQuiet(far, SIZE_MAX, quietMs);
     }
 };
 

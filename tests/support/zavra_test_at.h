@@ -36,10 +36,6 @@ public:
         }
         return m_fd >= 0;
     }
-    bool OpenTcp(int port, int timeoutMs) {
-        Adopt(ConnectTcp(port, timeoutMs));
-        return m_fd >= 0;
-    }
     // Takes over a descriptor: a pty master or an accepted connection.
     void Adopt(int fd) {
         Close();
@@ -53,31 +49,10 @@ public:
     int Fd() const { return m_fd; }
 
     // All of `bytes`; a socket whose peer left fails without SIGPIPE.
-    bool Send(const std::string& bytes) const {
-        for (size_t done = 0; done < bytes.size();) {
-            ssize_t n = send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-            if (n < 0 && errno == ENOTSOCK)
-                n = write(m_fd, bytes.data() + done, bytes.size() - done);
-            if (n <= 0)
-                return false;
-            done += static_cast<size_t>(n);
-        }
-        return true;
-    }
+    bool Send(const std::string& bytes) const { return WriteAll(m_fd, bytes); }
     // Reads until `count` bytes arrived, the other end went away, or nothing came for quietMs.
     std::string Read(size_t count, int quietMs) const {
-        std::string out;
-        char buffer[65536];
-        while (out.size() < count) {
-            pollfd pfd{m_fd, POLLIN, 0};
-            if (poll(&pfd, 1, quietMs) <= 0)
-                break;
-            const ssize_t got = read(m_fd, buffer, std::min(sizeof buffer, count - out.size()));
-            if (got <= 0)
-                break;
-            out.append(buffer, static_cast<size_t>(got));
-        }
-        return out;
+        return ReadUntilQuiet(m_fd, count, quietMs);
     }
     // The reply to one command: as many bytes as expected, then whatever else arrives before
     // 150 ms of silence (which must be nothing: a reply ends with a silence).

@@ -82,10 +82,27 @@ std::string ReadExactly(int fd, size_t count, int timeoutMs) {
     return data;
 }
 
+std::string ReadUntilQuiet(int fd, size_t count, int quietMs) {
+    std::string out;
+    char buffer[65536];
+    while (out.size() < count) {
+        pollfd p{fd, POLLIN, 0};
+        if (poll(&p, 1, quietMs) <= 0)
+            break;
+        const ssize_t got = read(fd, buffer, std::min(sizeof buffer, count - out.size()));
+        if (got <= 0)
+            break;
+        out.append(buffer, static_cast<size_t>(got));
+    }
+    return out;
+}
+
 bool WriteAll(int fd, const std::string& data) {
     size_t done = 0;
     while (done < data.size()) {
         ssize_t sent = send(fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+        if (sent < 0 && errno == ENOTSOCK)
+            sent = write(fd, data.data() + done, data.size() - done);
         if (sent < 0 && errno == EINTR)
             continue;
         if (sent <= 0)

@@ -21,7 +21,10 @@ int ConnectTcp(const std::string& address, int port, int timeoutMs, const std::s
 // Reads from a descriptor until `count` bytes are held or the time-out passes; returns the bytes.
 std::string ReadExactly(int fd, size_t count, int timeoutMs);
 
-// Writes all of `data` (blocking, no SIGPIPE); false on error.
+// Reads until `count` bytes arrived, the other end went away, or nothing came for `quietMs`.
+std::string ReadUntilQuiet(int fd, size_t count, int quietMs);
+
+// Writes all of `data` to a socket (no SIGPIPE) or a pty, blocking; false on error.
 bool WriteAll(int fd, const std::string& data);
 
 // A client behind a link that stalls now and then: a thread reads everything from `fd` (with a

@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 
 extern char** environ;
@@ -144,6 +145,18 @@ int CountOf(const std::string& all, const std::string& text) {
     for (size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
         ++count;
     return count;
+}
+
+int Shell(const std::string& command, std::string& out) {
+    out.clear();
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr)
+        return -1;
+    char buffer[65536];
+    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) != 0;)
+        out.append(buffer, n);
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace zavra_test

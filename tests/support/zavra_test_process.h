@@ -60,6 +60,9 @@ private:
 // Describes an ended child for assertion messages: "exit 2" or "signal 9", then its stderr.
 std::string Describe(const Process& process);
 
+// Runs `command` with sh and puts its standard output in `out`; the exit status, -1 on a signal.
+int Shell(const std::string& command, std::string& out);
+
 // Polls `done` every `stepMs` until it holds (true) or `timeoutMs` have passed (false).
 bool WaitUntil(const std::function<bool()>& done, int timeoutMs, int stepMs = 20);
 // How many times `text` occurs in `all`.

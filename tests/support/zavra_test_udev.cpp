@@ -7,7 +7,8 @@
 
 namespace zavra_test {
 
-std::string UsbModemDescription(const std::vector<std::string>& ttyNodes, const UsbModem& modem) {
+bool WriteUsbModem(const std::string& path, const std::vector<std::string>& ttyNodes,
+                   const UsbModem& modem) {
     const std::string device = "/devices/pci0000:00/0000:00:14.0/usb1/" + modem.busPath;
     std::string text = "P: " + device + "\nE: SUBSYSTEM=usb\nE: DEVTYPE=usb_device\n" +
                        "A: idVendor=" + modem.vendorId + "\nA: idProduct=" + modem.productId +
@@ -21,12 +22,7 @@ std::string UsbModemDescription(const std::vector<std::string>& ttyNodes, const 
                 "\nE: SUBSYSTEM=tty\nE: DEVNAME=" + ttyNodes[i] +
                 "\nE: ID_USB_INTERFACE_NUM=" + number + "\n";
     }
-    return text;
-}
-
-bool WriteUsbModem(const std::string& path, const std::vector<std::string>& ttyNodes,
-                   const UsbModem& modem) {
-    return WriteFile(path, UsbModemDescription(ttyNodes, modem));
+    return WriteFile(path, text);
 }
 
 bool StartInTestbed(Process& process, const std::string& descriptionFile,

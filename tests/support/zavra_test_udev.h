@@ -28,9 +28,7 @@ struct UsbModem {
     std::string busPath = "1-1"; // position on the mocked bus; distinct per modem
 };
 
-// The umockdev description of one modem with a tty interface per node.
-std::string UsbModemDescription(const std::vector<std::string>& ttyNodes,
-                                const UsbModem& modem = UsbModem());
+// Writes the umockdev description of one modem with a tty interface per node.
 bool WriteUsbModem(const std::string& path, const std::vector<std::string>& ttyNodes,
                    const UsbModem& modem = UsbModem());
 

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <functional>
 
 #include "tgtdb_wire.h"
@@ -88,31 +87,6 @@ TEST_F(TgtDbTest, DatabaseArrivesByteForByteInAnyChunking) {
     }
 }
 
-// Status, zero hash and oversize confirms run end to end; here the ones the modem cannot send.
-TEST_F(TgtDbTest, RefusedHashConfirmsEndInTheTimeOutRetriedOnce) {
-    std::ofstream(path) << "stale database";
-    ASSERT_TRUE(db.Configure(path.c_str(), kBase));
-    EXPECT_EQ(Output(), "") << "held and emptied";
-    unsigned char small[15]; // too small for a request
-    EXPECT_EQ(db.EncodeFileHashReq(small, sizeof(small)), 0u);
-    EXPECT_EQ(db.EncodeFileDataReq(small, sizeof(small)), 0u);
-    Feed(Hash(0, 1, 10)); // before the request: not even read
-    ASSERT_EQ(db.CheckProgress(), 0);
-    Bytes shortBody = Words({0, 1});
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        Feed(Record(kBase + 8, shortBody));
-        Feed(Data(shortBody, 0, 0, false));
-        EXPECT_EQ(db.GetState(), ZlTgtDb::StateHashRequested);
-        EXPECT_EQ(Tick(1000), 0);
-        EXPECT_EQ(Tick(1), attempt);
-        EXPECT_EQ(db.CheckProgress(), attempt); // the restart sends the next request
-    }
-    EXPECT_EQ(db.GetError(), "Target database extraction timed out while waiting for hash data");
-    ASSERT_EQ(db.sent.size(), 2u);
-    EXPECT_EQ(db.sent[0], db.sent[1]);
-    EXPECT_FALSE(OutputExists());
-}
-
 // Data phase faults the modem cannot stage (its own run end to end): the first restarts the
 // exchange, the second is final with the exact text; neither leaves a file. A file that cannot be
 // created fails at once, before anything is sent.
@@ -160,33 +134,6 @@ TEST_F(TgtDbTest, DataFaultsFailTheAttemptAndLeaveNoFile) {
     EXPECT_FALSE(db.Configure(gone.c_str(), kBase));
     EXPECT_EQ(db.GetError(), "Failed to open '" + gone + "' file for writing.");
     EXPECT_TRUE(db.sent.empty());
-}
-
-TEST_F(TgtDbTest, RestartForgetsAHalfRecordAndTheLargestFileCompletes) {
-    const Bytes data = PatternData(0x200000, 11);
-    ASSERT_TRUE(db.Configure(path.c_str(), kBase));
-    ASSERT_EQ(db.CheckProgress(), 0);
-    Feed(Hash(0, 1, 0x200000));
-    ASSERT_EQ(db.CheckProgress(), 0);
-    // A stall inside a record: a reader still inside it would swallow the next confirm.
-    Bytes stale = Data(data, 0, 1000, true);
-    Feed(Bytes(stale.begin(), stale.begin() + 20));
-    EXPECT_EQ(Tick(501), 0);
-    EXPECT_EQ(db.CheckProgress(), 0);
-    Feed(Hash(0, 2, 0x200000));
-    ASSERT_EQ(db.CheckProgress(), 0);
-    Bytes stream;
-    for (size_t at = 0; at < data.size(); at += 20472) {
-        size_t n = std::min<size_t>(20472, data.size() - at);
-        Bytes record = Data(data, at, n, at + n < data.size());
-        stream.insert(stream.end(), record.begin(), record.end());
-    }
-    Feed(stream, 20000);
-    ASSERT_EQ(db.CheckProgress(), 2) << db.GetError();
-    EXPECT_EQ(Output(), Text(data));
-    EXPECT_EQ(db.sent.size(), 4u);
-    Feed(Data(data, 0, 8, false)); // late confirms change nothing
-    EXPECT_EQ(db.CheckProgress(), 2);
 }
 
 } // namespace

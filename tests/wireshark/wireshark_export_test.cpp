@@ -159,27 +159,4 @@ TEST(WiresharkExport, ControlMessagesAreNamedAtTheHostTime) {
     EXPECT_EQ(Tshark(sim.dir, pcapng, "-Y 'zol.id == 0x35 && zol.open.deferred == 0'").size(), 2u);
 }
 
-TEST(WiresharkExport, StreamsThroughAPipeCutMidRecord) {
-    wstest::SimCapture sim;
-    sim.Run(20000);
-    const std::string capture = ReadFile(sim.Zom());
-    std::vector<size_t> ends;
-    Walk(capture, &ends);
-    ASSERT_GT(ends.size(), 10u);
-    const size_t cut = ends[9] + 14; // two bytes into the eleventh record's body
-    const std::string out = sim.dir.File("piped.pcapng");
-    FILE* pipe = popen((ZAVRA_ZOM_INFO_PATH " --pcapng - - >'" + out + "'").c_str(), "w");
-    ASSERT_NE(pipe, nullptr);
-    fwrite(capture.data(), 1, ends[0], pipe);
-    fflush(pipe);
-    // The first record is out while the stream is still open: section and interface take 100.
-    EXPECT_TRUE(zavra_test::WaitUntil([&] { return zavra_test::FileSize(out) > 100; }, 5000));
-    fwrite(capture.data() + ends[0], 1, cut - ends[0], pipe);
-    EXPECT_EQ(pclose(pipe), 0);
-    const std::vector<std::string> packets =
-        Tshark(sim.dir, out, "-T fields -e zol.id -e zol.skipped");
-    ASSERT_EQ(packets.size(), 11u);
-    EXPECT_EQ(packets.back(), "\t" + std::to_string(cut - ends[9]));
-}
-
 } // namespace

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <csignal>
 #include <cstdio>
@@ -17,18 +16,7 @@
 
 namespace wstest {
 
-// Runs `command` with sh; its standard output goes to `out`. The exit status, -1 on a signal.
-inline int Shell(const std::string& command, std::string& out) {
-    out.clear();
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr)
-        return -1;
-    char buffer[65536];
-    for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) != 0;)
-        out.append(buffer, n);
-    const int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
+using zavra_test::Shell;
 
 inline std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;

@@ -1,11 +1,9 @@
-// The file reader on script-style files, the resync report records, and the file summary.
+// The file reader on script-style files: records, gaps, a rewind.
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "quzol-info.h"
 #include "quzol-read-file.h"
-#include "quzol-write.h"
 #include "zavra_test_files.h"
 #include "zol-test-stream.h"
 
@@ -80,77 +78,6 @@ TEST(QoZolReadFile, MissingOrEmptyFileYieldsNothingAndAScriptItsRecordsAndGaps) 
     // Sent again on the next target initialisation: the same records from the start.
     ASSERT_TRUE(run.reader.Rewind());
     EXPECT_EQ(run.ReadAll(), (std::vector<Bytes>{a, b, c}));
-}
-
-TEST(QoZolResyncReport, TextRecordCarriesTheGapOnceWithTemplateFields) {
-    RecordPtr templ(QoZolRecordTag::Create(0, 0x807F807F));
-    templ->SetKor(1);
-    templ->SetTime(0x1234);
-    EXPECT_EQ(GenerateSyncErrorMessage("KOR1", 0x99, 16, 0, templ.get()), nullptr);
-    RecordPtr report(GenerateSyncErrorMessage("KOR1", 0x99, 16, 5, templ.get()));
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->GetKor(), 1u);
-    EXPECT_EQ(report->GetTime(), 0x1234u);
-
-    // Through a writer: reported once, after the record that found step again.
-    std::mt19937 rng(4);
-    const Bytes wire = Encode({1, 0, 1, 3, 0, {1, 2, 3, 4}});
-    Bytes bytes = wire;
-    AppendGarbage(bytes, 6, wire, rng);
-    Append(bytes, wire);
-    Append(bytes, wire);
-    FileRun run;
-    ASSERT_TRUE(run.reader.OpenRead(run.Write("in.zol", bytes).c_str()));
-    ASSERT_TRUE(run.reader.ReadRecord(run.record.get()));
-    ASSERT_TRUE(run.reader.ReadRecord(run.record.get()));
-    // 0xFFFFFFFF asks for no report and leaves the detection pending.
-    EXPECT_EQ(CheckAndHandleResyncErrors(run.reader, 0xFFFFFFFF, run.record.get()), nullptr);
-    QoZolWrite writer;
-    ASSERT_TRUE(writer.OpenWrite(run.dir.File("out.zol").c_str()));
-    EXPECT_TRUE(CheckAndHandleResyncErrors(writer, nullptr, run.reader, 0x50, run.record.get()));
-    ASSERT_TRUE(run.reader.ReadRecord(run.record.get()));
-    EXPECT_FALSE(CheckAndHandleResyncErrors(writer, "port", run.reader, 0x50, run.record.get()));
-    writer.Close();
-    const std::string written = zavra_test::ReadFile(run.dir.File("out.zol"));
-    const std::string gap =
-        "KOR1 stream sync error detected at offset '0x00000010', skipping '6' bytes";
-    ASSERT_EQ(written.size(), 12 + ((gap.size() + 1 + 3) & ~size_t(3)));
-    EXPECT_EQ(written.substr(12, gap.size() + 1), gap + '\0');
-    EXPECT_EQ(written[10], 0x50);
-}
-
-TEST(QoZolInfo, SummarisesLayoutsKorsIdsTimesAndGaps) {
-    std::mt19937 rng(8);
-    Bytes bytes;
-    Append(bytes, Encode({1, 0, 0, 0x35, 100, RandomBody(4, rng)}));
-    Append(bytes, Encode({2, 0x30CF29, 0, 0x200, 0x0100000005ull, RandomBody(9, rng)}));
-    const Bytes c = Encode({3, 0, 2, 1, 0x10, {}});
-    AppendGarbage(bytes, 11, c, rng);
-    Append(bytes, c);
-    Append(bytes, Encode({1, 0, 1, 0x35, 50, {}}));
-    const Bytes cut = Encode({1, 0, 0, 1, 0, RandomBody(20, rng)});
-    bytes.insert(bytes.end(), cut.begin(), cut.begin() + 9);
-    FileRun run;
-    const std::string path = run.Write("capture.zom", bytes);
-
-    QoZolInfoResult info;
-    ASSERT_TRUE(QoZolInfo::GetInfo(path.c_str(), info));
-    using Counts = std::vector<unsigned long long>;
-    // Records, their bytes, skipped and trailing bytes; first, least and greatest time.
-    EXPECT_EQ((Counts{info.records, info.recordBytes, info.skippedBytes, info.trailingBytes,
-                      info.firstTime, info.minTime, info.maxTime}),
-              (Counts{4, 16 + 24 + 12 + 12, 11, 9, 100, 0x10, 0x0100000005ull}));
-    EXPECT_EQ(Counts(info.recordsPerLayout, info.recordsPerLayout + 4), (Counts{0, 2, 1, 1}));
-    EXPECT_EQ(Counts(info.recordsPerKor, info.recordsPerKor + 4), (Counts{1, 2, 1, 0}));
-    EXPECT_EQ((info.recordsPerId.at({1, 0x35})), 2u);
-    EXPECT_EQ(info.gaps.size(), 1u); // at 40, of 11 bytes, as the summary says:
-    ZvAString text;
-    QoZolInfo::Format(path.c_str(), info, text);
-    EXPECT_NE(text.find("lost step after offset 0x00000028, skipped 11 bytes"), std::string::npos);
-
-    ZvAString error;
-    EXPECT_FALSE(QoZolInfo::GetInfo(run.dir.File("none.zom").c_str(), info, nullptr, &error));
-    EXPECT_NE(error.find("Failed to open"), std::string::npos);
 }
 
 } // namespace
