@@ -38,15 +38,15 @@ TEST(DaemonSoak, ThousandRotationsARestartAndHangUpsKeepTheNewestBytesInFlatReso
     EXPECT_LE(figures.largestStore, 16 * kMiB);
     EXPECT_GT(figures.clientSessions, 10);
 
-    // Flat after warm-up: nothing in the second half above the first fifth's highest (RSS with
-    // the slack of the client queue's chunks).
+    // Flat after warm-up: nothing in the second half above the first fifth's highest. RSS may
+    // also hold the client's queue, bounded at 4 MiB, when a busy machine stalls the client.
     const std::vector<SoakSample>& samples = figures.samples;
     ASSERT_GE(samples.size(), 10u);
     const size_t warm = samples.size() / 5, half = samples.size() / 2;
     auto rss = [](const SoakSample& s) { return s.rssKiB; };
     auto fds = [](const SoakSample& s) { return s.fds; };
     auto threads = [](const SoakSample& s) { return s.threads; };
-    EXPECT_LE(Highest(samples, half, samples.size(), rss), Highest(samples, 0, warm, rss) + 1024);
+    EXPECT_LE(Highest(samples, half, samples.size(), rss), Highest(samples, 0, warm, rss) + 4096 + 1024);
     EXPECT_LE(Highest(samples, half, samples.size(), fds), Highest(samples, 0, warm, fds));
     EXPECT_LE(Highest(samples, half, samples.size(), threads), Highest(samples, 0, warm, threads));
 
