@@ -2,7 +2,9 @@
 // network interfaces with the identity of the USB device they belong to.
 #include "zv-device-detect-linux.h"
 
+#include <cstring>
 #include <dlfcn.h>
+#include <malloc.h>
 
 #include "zv-log.h"
 
@@ -102,7 +104,13 @@ bool OsGetInterfaces(ZvDeviceDetect& detect, ZvInterfaceStore& store) {
     }
     bool ok = UdevGetInterfaces(detect, store, ZvInterfaceTypeSerial);
     ok = UdevGetInterfaces(detect, store, ZvInterfaceTypeObex) && ok;
-    return UdevGetInterfaces(detect, store, ZvInterfaceTypeNet) && ok;
+    ok = UdevGetInterfaces(detect, store, ZvInterfaceTypeNet) && ok;
+#ifdef __GLIBC__
+    // libudev's scan leaves its free memory scattered over the heap, where it would stay
+    // resident for the whole capture: about 70 KiB of a 2.7 MiB process.
+    malloc_trim(0);
+#endif
+    return ok;
 }
 
 ZvAString UdevFriendlyName(const ZvAString& manufacturer, const ZvAString& product) {
@@ -121,11 +129,19 @@ struct UdevEntry {
     ZvAString manufacturer, product, serial, vid, pid, mi, devNode;
 };
 
-void ReadEntry(const ZvUdev& u, struct udev_device* device, UdevEntry& entry) {
+// Every USB device sits below a root hub named "usbN", so a path without "/usb" has no USB
+// parent: the walk up through its parents, a dozen sysfs lookups each, would find nothing.
+bool MayHaveUsbParent(const char* syspath) {
+    return strstr(syspath, "/usb") != nullptr;
+}
+
+void ReadEntry(const ZvUdev& u, struct udev_device* device, const char* syspath, UdevEntry& entry) {
     // The physical USB device carries the identity; the interface itself only its number.
     // The parent belongs to `device` and is released with it.
     struct udev_device* usb =
-        u.udev_device_get_parent_with_subsystem_devtype(device, "usb", "usb_device");
+        MayHaveUsbParent(syspath)
+            ? u.udev_device_get_parent_with_subsystem_devtype(device, "usb", "usb_device")
+            : nullptr;
     if (usb != nullptr) {
         entry.manufacturer = Text(u.udev_device_get_sysattr_value(usb, "manufacturer"));
         entry.product = Text(u.udev_device_get_sysattr_value(usb, "product"));
@@ -191,7 +207,10 @@ bool UdevGetInterfaces(ZvDeviceDetect& detect, ZvInterfaceStore& store, ZvInterf
         u.udev_enumerate_add_match_subsystem(enumeration, "net");
         break;
     case ZvInterfaceTypeObex:
-        // USB communications class, OBEX subclass.
+        // USB communications class, OBEX subclass. Only USB interfaces carry these attributes;
+        // naming the subsystem spares a walk over every device in sysfs, which was two thirds
+        // of the start-up time.
+        u.udev_enumerate_add_match_subsystem(enumeration, "usb");
         u.udev_enumerate_add_match_sysattr(enumeration, "bInterfaceClass", "02");
         u.udev_enumerate_add_match_sysattr(enumeration, "bInterfaceSubClass", "0b");
         break;
@@ -210,7 +229,7 @@ bool UdevGetInterfaces(ZvDeviceDetect& detect, ZvInterfaceStore& store, ZvInterf
         if (device == nullptr)
             continue;
         UdevEntry entry;
-        ReadEntry(u, device, entry);
+        ReadEntry(u, device, path, entry);
         StoreEntry(detect, store, type, entry);
         u.udev_device_unref(device);
     }
