@@ -1,23 +1,28 @@
 // bench_capture [MiB per run] [rounds]
-// (ZAVRA_BENCH_TOOL=<path> measures another build of the tool, for a before-and-after.)
+// (ZAVRA_BENCH_TOOL=<path> measures another build of the tool, for a before-and-after;
+// ZAVRA_BENCH_PIN=1 runs the reader on CPU 1 and the benchmark itself on CPU 0.)
 //
 // Floods a pseudo-terminal with a fixed pseudo-random stream and lets either `cat` (stdin on the
 // pty slave in raw mode, stdout to a file) or zavra_log_serial (-d on the slave) copy it to a file,
 // alternately, several rounds. For each reader: wall time until the file holds every byte,
 // throughput, CPU seconds and peak RSS of the reader process (wait4), and a byte-for-byte compare
-// of the file with the stream. The tool runs three times per round: alone; serving a TCP client
-// that reads everything (whose copy is checked too); and serving one that connects and never
-// reads (whose queue fills and then drops), to show that a stuck client costs the capture
-// nothing. The figures are medians of the runs, and ratios to cat are taken round by round, so
-// that a machine whose load changes weighs on both sides alike. Then one more run of each reader
-// with its system calls counted (perf's counters, or strace), the latency of a byte from the pty
-// to the tool's TCP client, and a client behind a link that stalls 500 ms every 2 s while the pty
-// carries 2 MB/s, whose copy of the stream must be byte-exact.
+// of the file with the stream. The tool fsyncs its file at the end; cat's copy is synced after
+// it with sync(1), whose CPU counts as cat's, so that both do the same job. The tool runs three
+// times per round: alone; serving a TCP client that reads everything (whose copy is checked
+// too); and serving one that connects and never reads (whose queue fills and then drops), to show
+// that a stuck client costs the capture nothing. The figures are medians of the runs, and ratios
+// to cat are taken round by round, so that a machine whose load changes weighs on both sides
+// alike. Then the CPU that each reader spends only to start and exit, which weighs more on a
+// short flood than on a long one; one more run of each reader with its system calls counted
+// (perf's counters, or strace); the latency of a byte from the pty to the tool's TCP client; and
+// a client behind a link that stalls 500 ms every 2 s while the pty carries 2 MB/s, whose copy of
+// the stream must be byte-exact.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <pty.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -78,7 +83,8 @@ const char* const kReaderNames[kReaders] = {"cat", "tool", "tool+client", "tool+
 
 struct RunResult {
     double seconds = 0;
-    double cpu = 0;
+    double cpu = 0; // cat's includes the sync(1) of its file, the tool's its own fsync
+    double syncCpu = 0;
     long maxRssKiB = 0;
     bool identical = false;
     // The client that reads everything: what it got, and whether that was the whole stream.
@@ -173,6 +179,36 @@ void ReadClient(int client, uint64_t total, std::atomic<uint64_t>& received,
     }
 }
 
+// With ZAVRA_BENCH_PIN set, the reader runs on CPU 1 and everything of the benchmark on CPU 0.
+bool Pinning() {
+    static const bool pin = getenv("ZAVRA_BENCH_PIN") != nullptr;
+    return pin;
+}
+
+void PinTo(int cpu) {
+    if (!Pinning())
+        return;
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    sched_setaffinity(0, sizeof set, &set);
+}
+
+double CpuSeconds(const rusage& usage) {
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU seconds of `sync <path>`, which fsyncs the file.
+double SyncFileCpu(const std::string& path) {
+    const pid_t pid = Spawn({"sync", path});
+    rusage usage{};
+    int status = 0;
+    if (pid < 0 || wait4(pid, &status, 0, &usage) != pid)
+        return 0;
+    return CpuSeconds(usage);
+}
+
 // One reader copies a flood of `total` bytes; with `countSyscalls` its system calls are counted
 // from the start of the flood to its end.
 RunResult RunOne(Reader reader, uint64_t total, const std::string& dir, const std::string& tag,
@@ -192,6 +228,7 @@ RunResult RunOne(Reader reader, uint64_t total, const std::string& dir, const st
     const bool withClient = reader == kToolClient || reader == kToolStuckClient;
     pid_t pid;
     int port = -1, client = -1;
+    PinTo(1); // a spawned reader inherits this thread's CPUs
     if (reader != kCat) {
         // The tool opens the slave itself; it must be the only opener.
         close(slave);
@@ -208,6 +245,7 @@ RunResult RunOne(Reader reader, uint64_t total, const std::string& dir, const st
         pid = Spawn({"cat"}, slave, fd);
         close(fd);
     }
+    PinTo(0);
     if (pid < 0) {
         fprintf(stderr, "cannot start the reader\n");
         exit(1);
@@ -281,8 +319,15 @@ RunResult RunOne(Reader reader, uint64_t total, const std::string& dir, const st
     if (client >= 0)
         close(client);
     close(master);
-    result.cpu = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-                 static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    result.cpu = CpuSeconds(usage);
+    if (reader == kCat) {
+        // The tool fsyncs its file when it closes it, so that the capture is on the disk when
+        // it ends; cat leaves its copy in the page cache. The same job for cat is cat, then
+        // sync(1) on the file, whose writeback CPU would otherwise fall to nobody here (the
+        // file is deleted before the kernel writes it back).
+        result.syncCpu = SyncFileCpu(out);
+        result.cpu += result.syncCpu;
+    }
     result.identical = Compare(out, total);
     result.clientBytes = clientBytes;
     result.clientExact = clientSame && clientBytes == total;
@@ -480,6 +525,27 @@ double Median(std::vector<double> values) {
     return n == 0 ? 0 : n % 2 == 1 ? values[n / 2] : (values[n / 2 - 1] + values[n / 2]) / 2;
 }
 
+// CPU milliseconds of one program that starts, does nothing and exits: the part of a reader's
+// cost that a longer flood would spread thinner. cat copies an empty input; the tool, with -o,
+// parses its options (which runs device detection), opens the pty, configures it and closes it.
+double StartUpCpuMs(Reader reader) {
+    int master = -1, slave = -1;
+    std::string slaveName;
+    if (!OpenRawPty(master, slave, slaveName))
+        return 0;
+    close(slave); // the tool must be the only opener
+    const int empty = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const pid_t pid = reader == kCat ? Spawn({"cat"}, empty)
+                                     : Spawn({ToolPath(), "-o", "-t", "-d" + slaveName}, empty);
+    rusage usage{};
+    int status = 0;
+    if (pid > 0)
+        wait4(pid, &status, 0, &usage);
+    close(empty);
+    close(master);
+    return 1000.0 * CpuSeconds(usage);
+}
+
 void PrintSyscalls(const char* name, const bench::SyscallCounts& c, double mib) {
     if (!c.counted) {
         printf("  %-18s not counted\n", name);
@@ -505,6 +571,7 @@ int main(int argc, char** argv) {
     std::vector<double> rate[kReaders], cpu[kReaders];
     std::vector<double> rateToCat[kReaders], cpuToCat[kReaders], rateToTool[kReaders],
         cpuToTool[kReaders];
+    std::vector<double> catSyncCpu, toolCpuToBareCat;
     long rss[kReaders] = {};
     bool allSame = true;
     bool clientExact = true;
@@ -519,6 +586,8 @@ int main(int argc, char** argv) {
             printf("round %d %-17s %6.1f MiB/s  cpu %5.2f s  rss %5ld KiB  %s", round,
                    kReaderNames[which], rate[which].back(), r[which].cpu, r[which].maxRssKiB,
                    r[which].identical ? "identical" : "DIFFERENT");
+            if (which == kCat)
+                printf(", sync(1) %.2f s of its cpu", r[which].syncCpu);
             if (which == kToolClient) {
                 clientExact = clientExact && r[which].clientExact;
                 if (r[which].clientExact)
@@ -536,6 +605,8 @@ int main(int argc, char** argv) {
             rateToTool[which].push_back(rate[which].back() / rate[kTool].back());
             cpuToTool[which].push_back(cpu[which].back() / cpu[kTool].back());
         }
+        catSyncCpu.push_back(r[kCat].syncCpu);
+        toolCpuToBareCat.push_back(r[kTool].cpu / (r[kCat].cpu - r[kCat].syncCpu));
     }
     const std::string loadAfter = LoadAverage();
 
@@ -549,6 +620,9 @@ int main(int argc, char** argv) {
     printf("tool / cat (median of the per-round ratios): throughput %.3f (aim >= 0.98), cpu %.3f "
            "(aim <= 1.05); peak rss %ld KiB against %ld KiB (aim <= 2765 KiB)\n",
            Median(rateToCat[kTool]), Median(cpuToCat[kTool]), rss[kTool], rss[kCat]);
+    printf("  cat's cpu includes sync(1) of its file (median %.3f s), as the tool's includes its "
+           "fsync; against cat alone the tool's cpu is %.3f\n",
+           Median(catSyncCpu), Median(toolCpuToBareCat));
     printf("tool+client / cat: throughput %.3f, cpu %.3f; %s\n", Median(rateToCat[kToolClient]),
            Median(cpuToCat[kToolClient]),
            clientExact ? "its client got every byte in order"
@@ -559,6 +633,13 @@ int main(int argc, char** argv) {
            rss[kToolStuckClient]);
     printf("bytes compared: %llu per run, %s\n", static_cast<unsigned long long>(total),
            allSame ? "all identical" : "MISMATCH");
+    std::vector<double> startUp[2];
+    for (int i = 0; i < 9; ++i)
+        for (Reader which : {kCat, kTool})
+            startUp[which == kTool].push_back(StartUpCpuMs(which));
+    printf("start-up and exit alone (CPU, median of 9): cat %.1f ms, tool %.1f ms (-o: options, "
+           "device detection, port opened and closed), %.1f%% of the tool's CPU on this flood\n",
+           Median(startUp[0]), Median(startUp[1]), Median(startUp[1]) / 10 / Median(cpu[kTool]));
 
     // Counting slows a reader a little (strace a lot): one separate run each, not timed.
     const std::string counter = bench::SyscallCounter::Available();
