@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdint>
 #include <sys/ioctl.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "zv-time.h"
@@ -12,6 +13,16 @@ namespace {
 const unsigned kReadThreadFinishMs = 200;
 // How often a watched port's DSR is looked at: one ioctl, also while data flows.
 const unsigned kPeerCheckMs = 200;
+
+// The check runs once per chunk read. The coarse clock is the kernel's last tick, read without
+// touching the hardware: on a machine whose clock source is not readable from user space (HPET,
+// as in many virtual machines) the precise clocks cost a system call per chunk.
+unsigned CoarseMonotonicMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+    return static_cast<unsigned>(static_cast<unsigned long long>(now.tv_sec) * 1000ULL +
+                                 static_cast<unsigned long long>(now.tv_nsec / 1000000));
+}
 } // namespace
 
 ZvItfAsyncSerial::ZvItfAsyncSerial() = default;
@@ -128,8 +139,8 @@ void ZvItfAsyncSerial::ReadLoop() {
 void ZvItfAsyncSerial::CheckPeerReady() {
     if (!m_watchPeer)
         return;
-    const unsigned now = ZvTime::GetMsTickTime();
-    if (ZvTime::DiffMsTime(m_lastPeerCheckTick, now) < kPeerCheckMs)
+    const unsigned now = CoarseMonotonicMs();
+    if (now - m_lastPeerCheckTick < kPeerCheckMs)
         return;
     m_lastPeerCheckTick = now;
     int lines = 0;
