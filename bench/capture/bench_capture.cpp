@@ -194,19 +194,9 @@ void PinTo(int cpu) {
     sched_setaffinity(0, sizeof set, &set);
 }
 
-double CpuSeconds(const rusage& usage) {
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-}
-
 // CPU seconds of `sync <path>`, which fsyncs the file.
 double SyncFileCpu(const std::string& path) {
-    const pid_t pid = Spawn({"sync", path});
-    rusage usage{};
-    int status = 0;
-    if (pid < 0 || wait4(pid, &status, 0, &usage) != pid)
-        return 0;
-    return CpuSeconds(usage);
+    return WaitForCpuSeconds(Spawn({"sync", path}));
 }
 
 // One reader copies a flood of `total` bytes; with `countSyscalls` its system calls are counted
@@ -305,9 +295,7 @@ RunResult RunOne(Reader reader, uint64_t total, const std::string& dir, const st
     result.maxRssKiB = PeakRssKiB(pid);
 
     kill(pid, reader != kCat ? SIGINT : SIGTERM);
-    int status = 0;
-    rusage usage{};
-    wait4(pid, &status, 0, &usage);
+    result.cpu = WaitForCpuSeconds(pid);
     stopDrain = true;
     drain.join();
     if (client >= 0)
@@ -319,7 +307,6 @@ RunResult RunOne(Reader reader, uint64_t total, const std::string& dir, const st
     if (client >= 0)
         close(client);
     close(master);
-    result.cpu = CpuSeconds(usage);
     if (reader == kCat) {
         // The tool fsyncs its file when it closes it, so that the capture is on the disk when
         // it ends; cat leaves its copy in the page cache. The same job for cat is cat, then
@@ -537,13 +524,10 @@ double StartUpCpuMs(Reader reader) {
     const int empty = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const pid_t pid = reader == kCat ? Spawn({"cat"}, empty)
                                      : Spawn({ToolPath(), "-o", "-t", "-d" + slaveName}, empty);
-    rusage usage{};
-    int status = 0;
-    if (pid > 0)
-        wait4(pid, &status, 0, &usage);
+    const double seconds = WaitForCpuSeconds(pid);
     close(empty);
     close(master);
-    return 1000.0 * CpuSeconds(usage);
+    return 1000.0 * seconds;
 }
 
 void PrintSyscalls(const char* name, const bench::SyscallCounts& c, double mib) {

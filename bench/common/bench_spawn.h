@@ -1,11 +1,13 @@
-// Starting the programs a benchmark measures: standard input and output from the caller's
-// descriptors, standard error to /dev/null so that a program's own messages never mix with the
-// figures.
+// Starting the programs a benchmark measures, and taking their CPU time when they end: standard
+// input and output from the caller's descriptors, standard error to /dev/null so that a
+// program's own messages never mix with the figures.
 #pragma once
 
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/types.h>
+#include <sys/wait.h>
 
 #include <string>
 #include <vector>
@@ -33,6 +35,17 @@ inline pid_t Spawn(const std::vector<std::string>& args, int stdinFd = -1, int s
         pid = -1;
     posix_spawn_file_actions_destroy(&actions);
     return pid;
+}
+
+// Waits for the child `pid` to end; its CPU seconds, user and system (0 when it cannot be waited
+// for).
+inline double WaitForCpuSeconds(pid_t pid) {
+    int status = 0;
+    rusage usage{};
+    if (pid < 0 || wait4(pid, &status, 0, &usage) != pid)
+        return 0;
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 } // namespace bench

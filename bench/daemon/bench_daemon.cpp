@@ -244,12 +244,8 @@ Result RunOnce(Kind kind, long long size, const std::string& work) {
     result.peakRssKiB = PeakRssKiB(pid);
     const auto told = Clock::now();
     kill(pid, SIGTERM);
-    int status = 0;
-    rusage usage{};
-    wait4(pid, &status, 0, &usage);
+    result.cpuSeconds = bench::WaitForCpuSeconds(pid);
     result.exitSeconds = std::chrono::duration<double>(Clock::now() - told).count();
-    result.cpuSeconds = usage.ru_utime.tv_sec + usage.ru_stime.tv_sec +
-                        (usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
     stop = true;
     drain.join();
     close(master);
